@@ -1,0 +1,8 @@
+# The warnings that all of the project's own code is compiled with. -Wshadow keeps a name's meaning in one place,
+# -Wconversion makes every narrowing visible (32-bit sizes and times), the rest is the compilers' common ground.
+add_library(sso_warnings INTERFACE)
+target_compile_options(sso_warnings INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion
+  -Wnon-virtual-dtor -Woverloaded-virtual -Wformat=2)
+if(SSO_WARNINGS_AS_ERRORS)
+  target_compile_options(sso_warnings INTERFACE -Werror)
+endif()

@@ -1,0 +1,154 @@
+#include "apiProviders/SsoApiSocketProvider.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+#include "logging/logging.h"
+#include "util/Clock.h"
+#include "util/Frames.h"
+#include "util/Loopback.h"
+
+namespace velo::ssoService {
+namespace {
+
+constexpr const char* LOG_SOURCE = "apiProviders/SsoApiSocketProvider";
+constexpr std::chrono::seconds SETUP_RETRY_PAUSE{30};
+constexpr int BACKLOG = 5;
+
+}  // namespace
+
+SsoApiSocketProvider::SsoApiSocketProvider(DiscoverySSOManager* requestManager, int listeningPort)
+    : manager(requestManager), port(listeningPort) {}
+
+void SsoApiSocketProvider::serve() {
+  while (!stopFlag && !setupServer()) {
+    pauseThread(SETUP_RETRY_PAUSE);
+  }
+  acceptLoop();
+}
+
+bool SsoApiSocketProvider::setupServer() {
+  serverSocket.reset();
+  serverSocket.reset(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!serverSocket.isOpen()) {
+    LOG_ERROR("SSO API socket creation failed");
+    return false;
+  }
+  LOG_INFO("SSO API Socket successfully created");
+  const int reuse = 1;
+  if (::setsockopt(serverSocket.get(), SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse) != 0) {
+    std::array<char, 128> reason{};
+    LOG_ERROR("SSO API setsockopt failed %s", ::strerror_r(errno, reason.data(), reason.size()));
+    return false;
+  }
+  const sockaddr_in address = loopbackAddress(port);
+  if (::bind(serverSocket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    LOG_ERROR("SSO API socket bind failed ");
+    return false;
+  }
+  LOG_INFO("SSO API Socket successfully binded");
+  if (::listen(serverSocket.get(), BACKLOG) != 0) {
+    LOG_ERROR("SSO API listen failed");
+    return false;
+  }
+  LOG_INFO("SSO API Server listening");
+  return true;
+}
+
+void SsoApiSocketProvider::acceptLoop() {
+  while (!stopFlag) {
+    clientSocket.reset(::accept4(serverSocket.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (!clientSocket.isOpen()) {
+      LOG_ERROR("SSO API server accept failed");
+      setupServer();
+      continue;
+    }
+    LOG_INFO("SSO API server accepted the client");
+    try {
+      serveClient();
+    } catch (const std::exception& reason) {
+      // Memory ran out somewhere on the way: it costs this client its reply, not the others their service.
+      LOG_ERROR("SSO API request abandoned: %s", reason.what());
+    }
+    clientSocket.reset();
+  }
+}
+
+void SsoApiSocketProvider::serveClient() {
+  const std::string request = readRequest();
+  LOG_INFO("SSO API Client request %s", request.c_str());
+  handleRequest(request);
+  discardUnreadInput();
+}
+
+/// The payload of the client's frame; empty after any failure.
+std::string SsoApiSocketProvider::readRequest() {
+  frameRefused = false;
+  FrameReader frame(clientSocket.get());
+  switch (frame.readLength()) {
+    case Transfer::COMPLETE:
+      break;
+    case Transfer::CLOSED:
+      LOG_ERROR("SSO API connection closed while reading request");
+      return "";
+    case Transfer::FAILED:
+      LOG_ERROR("SSO API request read failed, read 4 bytes - message length");
+      return "";
+  }
+  LOG_DEBUG("SSO API request message size: %d", static_cast<int>(frame.length()));
+  frameRefused = frame.length() > MAX_FRAME_BYTES;
+  switch (frame.readPayload()) {
+    case Transfer::COMPLETE:
+      break;
+    case Transfer::CLOSED:
+      LOG_ERROR("SSO API connection closed while reading request");
+      return "";
+    case Transfer::FAILED:
+      LOG_ERROR("SSO API request read failed, read %d out of %d", static_cast<int>(frame.received()),
+                static_cast<int>(frame.length()));
+      return "";
+  }
+  const std::string request = frame.text();
+  LOG_INFO("SSO API received request %s", request.c_str());
+  return request;
+}
+
+void SsoApiSocketProvider::sendReply(const std::string& text) {
+  switch (sendAll(clientSocket.get(), makeFrame(text))) {
+    case Transfer::COMPLETE:
+      break;
+    case Transfer::CLOSED:
+      LOG_ERROR("SSO API connection closed while sending reply");
+      break;
+    case Transfer::FAILED:
+      LOG_ERROR("SSO API write failed");
+      break;
+  }
+}
+
+/// Takes what the client sent beyond its frame, or of a frame that was refused: closing a socket with unread input resets
+/// the connection, and the reset could overtake the reply. The client gets a moment to finish, no more.
+void SsoApiSocketProvider::discardUnreadInput() {
+  constexpr std::chrono::milliseconds MOMENT{1000};
+  std::array<char, 16 * 1024> unwanted;
+  const auto take = [&] { return ::recv(clientSocket.get(), unwanted.data(), unwanted.size(), MSG_DONTWAIT); };
+  if (!frameRefused && take() <= 0) {
+    return;
+  }
+  ::shutdown(clientSocket.get(), SHUT_WR);
+  const auto end = std::chrono::steady_clock::now() + MOMENT;
+  pollfd watched{clientSocket.get(), POLLIN, 0};
+  do {
+    const auto rest = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+    if (rest.count() <= 0 || ::poll(&watched, 1, static_cast<int>(rest.count())) <= 0) {
+      return;
+    }
+  } while (take() > 0);
+}
+
+}  // namespace velo::ssoService

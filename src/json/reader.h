@@ -1,0 +1,116 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+#include "json/codec.h"
+#include "json/jtype.h"
+
+namespace json {
+
+/// Recognises one JSON value fed to it one character at a time: says for each character whether it belongs to the value
+/// and keeps the value's text without the white space between tokens. Bad input is answered, never thrown; only a broken
+/// internal state throws (std::logic_error "Unexpected return", parsing_error "Unexpected state").
+///
+/// Nesting costs one byte a level and no call depth: the text of the whole value stands in one buffer, and of the arrays
+/// and objects around the value being read only the kind is remembered. Every step looks at the innermost value and at
+/// most at the container next to it, since a container with an open child is never complete.
+class reader : private std::string {
+ public:
+  enum push_result {
+    ACCEPTED = 0,   ///< the character belongs to the value
+    REJECTED = 1,   ///< it does not; nothing changed
+    WHITESPACE = 2  ///< white space between tokens inside a container
+  };
+
+  reader();
+  reader(const reader&) = default;
+  reader& operator=(const reader&) = default;
+
+  /// Forgets the value, so that a new one can be read.
+  virtual void clear();
+
+  virtual push_result push(char c);
+
+  /// The type by the first character read; not_valid before that.
+  virtual jtype type() const;
+
+  /// Whether a complete value has been read.
+  virtual bool is_valid() const;
+
+  /// The text read so far. Of an open array or object it holds the completed elements only.
+  virtual std::string readout() const;
+
+  virtual ~reader() = default;
+
+ protected:
+  template <typename T>
+  T get_state() const {
+    return static_cast<T>(open_containers.empty() ? state : CONTAINER_READING);
+  }
+
+  template <typename T>
+  void set_state(T value) {
+    state = static_cast<char>(value);
+  }
+
+ private:
+  friend class kvp_reader;
+  friend parse_results parse_value(const char* input);
+
+  /// Where the innermost value stands when it is an entry of an object.
+  enum entry_part : char { ENTRY_KEY, ENTRY_VALUE };
+
+  static constexpr char CONTAINER_READING = 2;
+
+  // The innermost value's share of the buffer.
+  std::size_t length() const { return size() - value_begin; }
+
+  jtype value_type() const { return type_of(value_first); }
+  bool value_is_valid() const;
+  push_result accept(char c);
+  void begin_value();
+  void open_child(char container, entry_part part);
+  push_result close_child(char c);
+
+  push_result push_element(char c);
+  push_result push_entry(char c);
+  push_result push_value(char c);
+  push_result push_string(char c);
+  push_result push_number(char c);
+  push_result push_boolean(char c);
+  push_result push_null(char c);
+  push_result push_array(char c);
+  push_result push_object(char c);
+
+  /// Pushes characters up to the first that is rejected or the terminating NUL, whichever comes first, and returns where
+  /// that stands. The same answers as single pushes, except that the NUL ends a string literal's body too.
+  const char* push_text(const char* text);
+
+  /// Moves the text of a complete value out and clears the reader.
+  std::string take_text();
+  const char* push_run(const char* text);
+
+  std::string open_containers;          // opening bracket of each container around the innermost value, outermost first
+  std::size_t value_begin = 0;          // where the innermost value begins in the buffer
+  std::size_t completed = 0;            // length of the outermost container's text without its open child
+  char value_first = '\0';              // first character of the innermost value, NUL while it has none
+  char state = 0;                       // state of the innermost value
+  entry_part part = ENTRY_VALUE;        // meaningful while the innermost value belongs to an object
+};
+
+/// Recognises one "key":value pair of an object the same way; type() is the value's.
+class kvp_reader : public reader {
+ public:
+  void clear() override;
+  push_result push(char c) override;
+  bool is_valid() const override;
+  std::string readout() const override;
+  ~kvp_reader() override = default;
+
+ private:
+  reader _key;
+  bool _colon_read = false;
+};
+
+}  // namespace json

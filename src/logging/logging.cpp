@@ -1,0 +1,317 @@
+#include "logging/logging.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <mutex>
+#include <new>
+
+namespace {
+
+constexpr int LINES_BETWEEN_SIZE_CHECKS = 100;
+constexpr std::int64_t SECONDS_PER_HOUR = 3600;
+
+std::atomic<int> currentLevel{LOG_LEVEL_VERBOSE};
+
+/// Everything but the level, which is read without the lock so that a dropped message costs no more than that.
+struct LogState {
+  std::mutex lock;
+  std::FILE* stream = nullptr;  ///< null: the next message selects standard output
+  std::string prefix;
+  std::string fileName;  ///< empty: none
+  bool timestamps = false;
+  std::int64_t maxSize = 0;
+  int rotationHours = 0;
+  std::int64_t openedAt = 0;
+  std::int64_t rotateAt = 0;
+  int lineCount = 0;
+};
+
+/// Never destroyed: threads may log until the process is gone.
+LogState& state() {
+  static LogState& instance = *new LogState;
+  return instance;
+}
+
+class ErrnoKeeper {
+ public:
+  ErrnoKeeper() : kept(errno) {}
+  ~ErrnoKeeper() { errno = kept; }
+  ErrnoKeeper(const ErrnoKeeper&) = delete;
+  ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
+
+ private:
+  int kept;
+};
+
+std::tm localTime(std::time_t seconds) {
+  std::tm broken{};
+  localtime_r(&seconds, &broken);
+  return broken;
+}
+
+/// The form of asctime without its line end.
+std::string dateText() {
+  const std::tm now = localTime(std::time(nullptr));
+  char text[64] = "";
+  static_cast<void>(std::strftime(text, sizeof text, "%a %b %e %H:%M:%S %Y", &now));
+  return text;
+}
+
+std::string timeStampedName(const std::string& prefix) {
+  const std::tm now = localTime(std::time(nullptr));
+  char stamp[64] = "";
+  static_cast<void>(std::strftime(stamp, sizeof stamp, "-%Y-%m-%d-%H-%M-%S.log", &now));
+  return prefix + stamp;
+}
+
+void setRotationStart(LogState& log) {
+  log.rotateAt = log.openedAt + SECONDS_PER_HOUR * log.rotationHours;
+}
+
+int closeLocked(LogState& log) {
+  int result = 0;
+  if (log.stream != nullptr) {
+    static_cast<void>(std::fprintf(log.stream, "LOG END %s", dateText().c_str()));
+    static_cast<void>(std::fflush(log.stream));
+    if (log.stream != stdout) {
+      result = std::fclose(log.stream);
+      if (result != 0) {
+        std::perror(" Couldn't close log file \n");
+      }
+    }
+    log.stream = nullptr;
+  }
+  log.fileName.clear();
+  return result;
+}
+
+int openLocked(LogState& log) {
+  int result = closeLocked(log);
+  if (log.prefix.empty()) {
+    log.stream = stdout;
+  } else {
+    const std::string name = timeStampedName(log.prefix);
+    log.stream = std::fopen(name.c_str(), "we");
+    if (log.stream != nullptr) {
+      log.fileName = name;
+    } else {
+      const int reason = errno;
+      static_cast<void>(std::fprintf(stderr, "Attempted to create log %s\n", name.c_str()));
+      errno = reason;
+      std::perror(" Cannot open log file, using stdout instead ");
+      log.stream = stdout;
+      result = 1;
+    }
+  }
+  log.openedAt = std::time(nullptr);
+  setRotationStart(log);
+  static_cast<void>(std::fprintf(log.stream, "LOG START %s\n", dateText().c_str()));
+  static_cast<void>(std::fflush(log.stream));
+  log.lineCount = 0;
+  return result;
+}
+
+bool writesToFile(const LogState& log) {
+  return log.stream != nullptr && log.stream != stdout;
+}
+
+void checkSizeLocked(LogState& log) {
+  if (log.maxSize < 1 || !writesToFile(log)) {
+    return;
+  }
+  struct stat status {};
+  if (lstat(log.fileName.c_str(), &status) != 0) {
+    std::perror("failure getting file stats\n");
+  } else if (status.st_size > log.maxSize) {
+    openLocked(log);
+  }
+}
+
+void checkTimeLocked(LogState& log) {
+  if (log.rotationHours > 0 && writesToFile(log) && std::time(nullptr) >= log.rotateAt) {
+    openLocked(log);
+  }
+}
+
+int setLevelLocked(LogState& log, int level) {
+  if (level < LOG_LEVEL_OFF || level > LOG_LEVEL_VERBOSE) {
+    return 1;
+  }
+  const int previous = currentLevel.exchange(level);
+  if (previous == level) {
+    return 0;
+  }
+  if (previous == LOG_LEVEL_OFF) {
+    return openLocked(log);
+  }
+  return level == LOG_LEVEL_OFF ? closeLocked(log) : 0;
+}
+
+/// What stands before the message: the time of day if it is on, and the caller's position.
+struct LineHead {
+  char time[32] = "";
+  const char* file;
+  int line;
+};
+
+LineHead makeHead(const LogState& log, const char* file, int line) {
+  LineHead head;
+  head.file = file;
+  head.line = line;
+  if (log.timestamps) {
+    std::timespec precise{};
+    clock_gettime(CLOCK_REALTIME, &precise);
+    const std::tm now = localTime(std::time(nullptr));
+    static_cast<void>(std::snprintf(head.time, sizeof head.time, "%02d:%02d:%02d.%03ld ", now.tm_hour, now.tm_min,
+                                    now.tm_sec, static_cast<long>(static_cast<double>(precise.tv_nsec) / 1000000.0)));
+  }
+  return head;
+}
+
+/// Puts the whole line into the buffer as far as it fits and returns its length, like snprintf.
+std::size_t formatLine(char* buffer, std::size_t capacity, const LineHead& head, const char* format, va_list arguments)
+    __attribute__((format(printf, 4, 0)));
+
+std::size_t formatLine(char* buffer, std::size_t capacity, const LineHead& head, const char* format,
+                       va_list arguments) {
+  const auto rest = [&](std::size_t used) { return used < capacity ? capacity - used : 0; };
+  const auto end = [&](std::size_t used) { return buffer + std::min(used, capacity); };
+  const auto added = [](int printed) { return static_cast<std::size_t>(std::max(printed, 0)); };
+
+  std::size_t length = added(std::snprintf(buffer, capacity, "%s[%s:%d] ", head.time, head.file, head.line));
+  length += added(std::vsnprintf(end(length), rest(length), format, arguments));
+  // Kept: the format decides about the line end, not the finished text.
+  const std::size_t formatLength = std::strlen(format);
+  if (formatLength > 0 && format[formatLength - 1] != '\n') {
+    length += added(std::snprintf(end(length), rest(length), "\n"));
+  }
+  return length;
+}
+
+void writeLine(std::FILE* stream, const LineHead& head, const char* format, va_list arguments)
+    __attribute__((format(printf, 3, 0)));
+
+void writeLine(std::FILE* stream, const LineHead& head, const char* format, va_list arguments) {
+  char shortLine[1024];
+  char* line = shortLine;
+  std::unique_ptr<char[]> longLine;
+  va_list again;
+  va_copy(again, arguments);
+  std::size_t length = formatLine(shortLine, sizeof shortLine, head, format, arguments);
+  if (length >= sizeof shortLine) {
+    longLine.reset(new (std::nothrow) char[length + 1]);
+    if (longLine) {
+      line = longLine.get();
+      formatLine(line, length + 1, head, format, again);
+    } else {
+      length = sizeof shortLine - 1;  // no memory for all of it: its beginning is better than nothing
+    }
+  }
+  va_end(again);
+  static_cast<void>(std::fwrite(line, 1, length, stream));
+  static_cast<void>(std::fflush(stream));
+}
+
+}  // namespace
+
+void log_message(const char* file, int line, int level, const char* format, ...) {
+  if (level > currentLevel || format == nullptr) {
+    return;
+  }
+  const ErrnoKeeper keeper;
+  LogState& log = state();
+  const std::lock_guard<std::mutex> guard(log.lock);
+  if (log.stream == nullptr) {
+    log.stream = stdout;
+  }
+  va_list arguments;
+  va_start(arguments, format);
+  writeLine(log.stream, makeHead(log, file, line), format, arguments);
+  va_end(arguments);
+  if (++log.lineCount == LINES_BETWEEN_SIZE_CHECKS) {
+    checkSizeLocked(log);
+    log.lineCount = 0;
+  }
+  checkTimeLocked(log);
+}
+
+int log_init(const char* prefix, int level, int timestamps) {
+  LogState& log = state();
+  const std::lock_guard<std::mutex> guard(log.lock);
+  log.prefix = prefix != nullptr ? prefix : "";
+  log.timestamps = timestamps != 0;
+  log.fileName.clear();
+  currentLevel = LOG_LEVEL_OFF;
+  return setLevelLocked(log, level);
+}
+
+int log_set_level(int level) {
+  LogState& log = state();
+  const std::lock_guard<std::mutex> guard(log.lock);
+  return setLevelLocked(log, level);
+}
+
+int log_set_level_name(const char* name) {
+  return log_set_level(log_level_from_name(name));
+}
+
+int log_level_from_name(const char* name) {
+  static constexpr const char* NAMES[] = {"error", "warning", "info", "debug", "verbose"};
+  int level = LOG_LEVEL_OFF;
+  for (const char* known : NAMES) {
+    ++level;
+    if (std::strcmp(known, name) == 0) {
+      return level;
+    }
+  }
+  return LOG_LEVEL_OFF;
+}
+
+void log_set_max_size_kb(unsigned kb) {
+  LogState& log = state();
+  const std::lock_guard<std::mutex> guard(log.lock);
+  log.maxSize = static_cast<std::int32_t>(1000U * kb);  // Kept: the product is taken in 32 bits.
+  checkSizeLocked(log);
+}
+
+void log_set_rotation_hours(int hours) {
+  LogState& log = state();
+  const std::lock_guard<std::mutex> guard(log.lock);
+  log.rotationHours = hours;
+  setRotationStart(log);
+  checkTimeLocked(log);
+}
+
+int log_open() {
+  LogState& log = state();
+  const std::lock_guard<std::mutex> guard(log.lock);
+  return openLocked(log);
+}
+
+int log_close() {
+  LogState& log = state();
+  const std::lock_guard<std::mutex> guard(log.lock);
+  return closeLocked(log);
+}
+
+void log_check_size() {
+  LogState& log = state();
+  const std::lock_guard<std::mutex> guard(log.lock);
+  checkSizeLocked(log);
+}
+
+void log_check_time() {
+  LogState& log = state();
+  const std::lock_guard<std::mutex> guard(log.lock);
+  checkTimeLocked(log);
+}

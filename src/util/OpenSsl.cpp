@@ -1,0 +1,51 @@
+#include "util/OpenSsl.h"
+
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
+
+#include "util/Secrets.h"
+
+namespace velo::ssoService {
+namespace {
+
+BioOwner textBio(const std::string& text) {
+  return BioOwner(BIO_new_mem_buf(text.c_str(), -1));
+}
+
+/// Stands in the place of OpenSSL's own callback, which would prompt on the terminal.
+int refusePassPhrase(char* /*buffer*/, int /*size*/, int /*writing*/, void* /*unused*/) {
+  return -1;
+}
+
+}  // namespace
+
+ErrorQueueCleaner::~ErrorQueueCleaner() {
+  ERR_clear_error();
+}
+
+X509Owner readCertificate(const std::string& pem) {
+  const BioOwner bio = textBio(pem);
+  return X509Owner(bio ? PEM_read_bio_X509_AUX(bio.get(), nullptr, refusePassPhrase, nullptr) : nullptr);
+}
+
+KeyOwner readPrivateKey(const std::string& pem) {
+  const BioOwner bio = textBio(pem);
+  return KeyOwner(bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, refusePassPhrase, nullptr) : nullptr);
+}
+
+bool decryptOaep(EVP_PKEY* key, const unsigned char* block, std::size_t length, std::string& plain) {
+  const KeyContextOwner context(EVP_PKEY_CTX_new(key, nullptr));
+  plain.assign(static_cast<std::size_t>(EVP_PKEY_size(key)), '\0');
+  std::size_t plainLength = plain.size();
+  if (!context || EVP_PKEY_decrypt_init(context.get()) <= 0 ||
+      EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_OAEP_PADDING) <= 0 ||
+      EVP_PKEY_decrypt(context.get(), reinterpret_cast<unsigned char*>(plain.data()), &plainLength, block, length) <= 0) {
+    wipe(plain);
+    return false;
+  }
+  plain.resize(plainLength);
+  return true;
+}
+
+}  // namespace velo::ssoService

@@ -1,0 +1,47 @@
+#include "support/LogCapture.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <stdexcept>
+
+namespace test {
+
+LogCapture::LogCapture(int level) {
+  std::string pattern = (std::filesystem::temp_directory_path() / "sso-log-XXXXXX").string();
+  if (mkdtemp(pattern.data()) == nullptr) {
+    throw std::runtime_error("cannot make a directory for the log");
+  }
+  directory = pattern;
+  log_init((directory + "/log").c_str(), level, 0);
+  for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+    file = entry.path().string();
+  }
+}
+
+LogCapture::~LogCapture() {
+  log_init(nullptr, LOG_LEVEL_OFF, 0);
+  log_close();
+  std::error_code ignored;
+  std::filesystem::remove_all(directory, ignored);
+}
+
+std::vector<std::string> LogCapture::lines() const {
+  static const std::regex position("^\\[(.*):[0-9]+\\] ");
+  std::vector<std::string> found;
+  std::ifstream log(file);
+  std::string line;
+  std::getline(log, line);  // LOG START
+  while (std::getline(log, line)) {
+    found.push_back(std::regex_replace(line, position, "$1: "));
+  }
+  return found;
+}
+
+bool LogCapture::contains(const std::string& line) const {
+  const std::vector<std::string> all = lines();
+  return std::find(all.begin(), all.end(), line) != all.end();
+}
+
+}  // namespace test
