@@ -10,8 +10,8 @@ class AccessToken {
  public:
   AccessToken() = default;
 
-  /// An answer that holds no usable token or lifetime gives a token that is not valid, and log lines that say why. Never
-  /// throws.
+  /// An answer that holds no usable token or lifetime gives a token that is not valid, and log lines that say why.
+  /// Never throws.
   explicit AccessToken(const std::string& responseJson) noexcept;
 
   void clear();

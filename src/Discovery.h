@@ -18,7 +18,8 @@ class Discovery {
   static constexpr std::size_t DISCOVERY_RSA_BLOCK_SIZE = 256;
 
   /// The device id is the provider's certificate id, taken once. The provider stays its owner's and has to outlive this
-  /// object. Throws SsoException for an empty URL, KCException for a missing provider, and what getCertificateId throws.
+  /// object. Throws SsoException for an empty URL, KCException for a missing provider, and what getCertificateId
+  /// throws.
   Discovery(const std::string& endpointUrl, bool useCache, const std::string& folder, KeyCertificateProvider* provider);
 
   /// The decrypted configuration; retrieved first if it is not there yet, with the exceptions of that.

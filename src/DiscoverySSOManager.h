@@ -29,9 +29,9 @@ enum ManagerState : std::uint32_t {
 /// Ties the service together: owns the key and certificate provider, the discovery client and the token client, moves
 /// through the states above and answers the local API's requests, one at a time.
 ///
-/// The request operations may be called from any thread. The constructor, run, initialize and shutDown belong to the main
-/// thread. The API threads are never joined, so a manager that has started some must outlive them: main keeps it in
-/// memory that is never destroyed and calls shutDown.
+/// The request operations may be called from any thread. The constructor, run, initialize and shutDown belong to the
+/// main thread. The API threads are never joined, so a manager that has started some must outlive them: main keeps it
+/// in memory that is never destroyed and calls shutDown.
 class DiscoverySSOManager {
  public:
   /// Applies the configuration file, which starts the API threads, and initialises libcurl. A rejected configuration
@@ -41,8 +41,8 @@ class DiscoverySSOManager {
   DiscoverySSOManager(const DiscoverySSOManager&) = delete;
   DiscoverySSOManager& operator=(const DiscoverySSOManager&) = delete;
 
-  /// An access token for the scope. While the manager is not ready it throws SsoException "Cloud discovery failed. " with
-  /// the reason; a failure behind it is thrown as a plain std::exception.
+  /// An access token for the scope. While the manager is not ready it throws SsoException "Cloud discovery failed. "
+  /// with the reason; a failure behind it is thrown as a plain std::exception.
   std::string getToken(const std::string& scope);
 
   /// The decrypted discovery document. Exceptions as above.
@@ -54,15 +54,15 @@ class DiscoverySSOManager {
   /// Drops the clients of a ready manager, so that the run loop starts over; false when it was not ready.
   bool reset();
 
-  /// Drives the states until a stop signal has been handled. Ends the process with status 1 when there is no provider or
-  /// the configuration was rejected.
+  /// Drives the states until a stop signal has been handled. Ends the process with status 1 when there is no provider
+  /// or the configuration was rejected.
   void run();
 
   /// One attempt to get ready; a failure is left in the state and the last error.
   void initialize();
 
-  /// Releases the provider, the clients and libcurl, unless a request is still using them: then they are left to the end
-  /// of the process. Requests that come later are refused.
+  /// Releases the provider, the clients and libcurl, unless a request is still using them: then they are left to the
+  /// end of the process. Requests that come later are refused.
   void shutDown();
 
  private:

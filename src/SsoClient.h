@@ -11,9 +11,9 @@ namespace velo::ssoService {
 
 class KeyCertificateProvider;
 
-/// Gets OAuth 2.0 access tokens for the device by the client-credentials grant (RFC 6749 section 4.4), authenticated by a
-/// JWT client assertion (RFC 7523 section 2.2), and keeps one a scope. No lock: one call at a time. Each request blocks
-/// its caller for up to 30 seconds.
+/// Gets OAuth 2.0 access tokens for the device by the client-credentials grant (RFC 6749 section 4.4), authenticated by
+/// a JWT client assertion (RFC 7523 section 2.2), and keeps one a scope. No lock: one call at a time. Each request
+/// blocks its caller for up to 30 seconds.
 class SsoClient {
  public:
   /// The URL is that of the identity provider's OpenID configuration; the client id is the provider's certificate id.
@@ -34,8 +34,8 @@ class SsoClient {
   /// Fetches a new token for the scope into the cache. Exceptions as above.
   void requestAccessToken(const std::string& scope);
 
-  /// A new client assertion: a signed JWT for the token endpoint, valid for five minutes. Throws KCException when neither
-  /// key is there, SsoException when it cannot be signed, and what the provider throws.
+  /// A new client assertion: a signed JWT for the token endpoint, valid for five minutes. Throws KCException when
+  /// neither key is there, SsoException when it cannot be signed, and what the provider throws.
   std::string createAuthenticationIdToken();
 
  private:

@@ -11,8 +11,8 @@ struct Uuid {
   std::uint64_t low = 0;   ///< the last 16
 };
 
-/// A random identifier of version 4. The random source is shared and has no lock: callers hold one, as the manager does.
-/// Throws what std::random_device throws.
+/// A random identifier of version 4. The random source is shared and has no lock: callers hold one, as the manager
+/// does. Throws what std::random_device throws.
 Uuid generateRandomUuid();
 
 /// The 36 characters of the text form, lower case.

@@ -1,7 +1,7 @@
 #pragma once
 
-// Stands in for jwt-cpp where that is not installed: the few facilities that the service calls, with jwt-cpp's names and
-// meaning, on libjwt, which makes and signs the token.
+// Stands in for jwt-cpp where that is not installed: the few facilities that the service calls, with jwt-cpp's names
+// and meaning, on libjwt, which makes and signs the token.
 
 // libjwt names its structure "jwt", which is the namespace's name here.
 #define jwt libjwt_token

@@ -23,7 +23,8 @@ constexpr int BACKLOG = 5;
 }  // namespace
 
 SsoApiSocketProvider::SsoApiSocketProvider(DiscoverySSOManager* requestManager, int listeningPort)
-    : manager(requestManager), port(listeningPort) {}
+    : manager(requestManager), port(listeningPort) {
+}
 
 void SsoApiSocketProvider::serve() {
   while (!stopFlag && !setupServer()) {
@@ -131,8 +132,8 @@ void SsoApiSocketProvider::sendReply(const std::string& text) {
   }
 }
 
-/// Takes what the client sent beyond its frame, or of a frame that was refused: closing a socket with unread input resets
-/// the connection, and the reset could overtake the reply. The client gets a moment to finish, no more.
+/// Takes what the client sent beyond its frame, or of a frame that was refused: closing a socket with unread input
+/// resets the connection, and the reset could overtake the reply. The client gets a moment to finish, no more.
 void SsoApiSocketProvider::discardUnreadInput() {
   constexpr std::chrono::milliseconds MOMENT{1000};
   std::array<char, 16 * 1024> unwanted;

@@ -10,8 +10,8 @@ namespace velo::ssoService {
 
 class DiscoverySSOManager;
 
-/// Serves local programs on a port of 127.0.0.1: one connection at a time, one request frame and one reply frame each (a
-/// length of four bytes, big-endian, and JSON text). Everything but stop belongs to the thread that calls serve. No
+/// Serves local programs on a port of 127.0.0.1: one connection at a time, one request frame and one reply frame each
+/// (a length of four bytes, big-endian, and JSON text). Everything but stop belongs to the thread that calls serve. No
 /// failure ends serve.
 class SsoApiSocketProvider : public SsoApiProvider {
  public:

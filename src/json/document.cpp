@@ -50,7 +50,8 @@ class jobject::duplicate_finder {
 };
 
 jobject::kvp::kvp(std::string entry_key, std::string value_text)
-    : key(std::move(entry_key)), value(std::move(value_text)) {}
+    : key(std::move(entry_key)), value(std::move(value_text)) {
+}
 
 jobject jobject::parse(const char* input) {
   const char* position = skip_whitespace(input);

@@ -33,13 +33,14 @@ class jobject {
 
   virtual ~jobject() = default;
 
-  /// Access to the value of a key, which need not exist yet. Throws invalid_key on an array. The accessor refers to this
-  /// document, which has to outlive it.
+  /// Access to the value of a key, which need not exist yet. Throws invalid_key on an array. The accessor refers to
+  /// this document, which has to outlive it.
   virtual proxy operator[](const std::string& key);
   virtual const_proxy operator[](const std::string& key) const;
 
   /// Builds a document from text; whatever follows its closing bracket is ignored, and so is a comma before that.
-  /// Throws parsing_error with the texts of parse_value, decode_string and operator+=, or "Input is not a valid object".
+  /// Throws parsing_error with the texts of parse_value, decode_string and operator+=, or "Input is not a valid
+  /// object".
   static jobject parse(const char* input);
   static jobject parse(const std::string& input) { return parse(input.c_str()); }
 
@@ -79,9 +80,9 @@ class jobject {
   bool array_flag;
 };
 
-/// Reads one value in the type that the caller asks for. The numeric conversions are those of sscanf and a text that does
-/// not convert yields 0; as_object, the vector conversions and the type tests throw parsing_error like parse, parse_array
-/// and parse_value.
+/// Reads one value in the type that the caller asks for. The numeric conversions are those of sscanf and a text that
+/// does not convert yields 0; as_object, the vector conversions and the type tests throw parsing_error like parse,
+/// parse_array and parse_value.
 class jobject::entry {
  public:
   virtual ~entry() = default;

@@ -156,7 +156,8 @@ const std::string& jobject::const_proxy::ref() const {
 }
 
 jobject::proxy::proxy(jobject& document, std::string value_key)
-    : const_proxy(document, std::move(value_key)), sink(document) {}
+    : const_proxy(document, std::move(value_key)), sink(document) {
+}
 
 jobject::proxy& jobject::proxy::operator=(const std::string& text) {
   return *this = text.c_str();

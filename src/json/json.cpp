@@ -133,8 +133,8 @@ void reader::open_child(char container, entry_part child_part) {
 reader::push_result reader::close_child(char c) {
   value_first = open_containers.back();
   open_containers.pop_back();
-  value_begin = 0;      // only the text of strings, numbers and words is looked at, and those have no children
-  part = ENTRY_VALUE;   // a container in an object is always the value of its entry
+  value_begin = 0;     // only the text of strings, numbers and words is looked at, and those have no children
+  part = ENTRY_VALUE;  // a container in an object is always the value of its entry
   state = c == ',' ? CONTAINER_COMMA : CONTAINER_CLOSED;
   return accept(c);
 }

@@ -9,12 +9,12 @@
 namespace json {
 
 /// Recognises one JSON value fed to it one character at a time: says for each character whether it belongs to the value
-/// and keeps the value's text without the white space between tokens. Bad input is answered, never thrown; only a broken
-/// internal state throws (std::logic_error "Unexpected return", parsing_error "Unexpected state").
+/// and keeps the value's text without the white space between tokens. Bad input is answered, never thrown; only a
+/// broken internal state throws (std::logic_error "Unexpected return", parsing_error "Unexpected state").
 ///
-/// Nesting costs one byte a level and no call depth: the text of the whole value stands in one buffer, and of the arrays
-/// and objects around the value being read only the kind is remembered. Every step looks at the innermost value and at
-/// most at the container next to it, since a container with an open child is never complete.
+/// Nesting costs one byte a level and no call depth: the text of the whole value stands in one buffer, and of the
+/// arrays and objects around the value being read only the kind is remembered. Every step looks at the innermost value
+/// and at most at the container next to it, since a container with an open child is never complete.
 class reader : private std::string {
  public:
   enum push_result {
@@ -83,20 +83,20 @@ class reader : private std::string {
   push_result push_array(char c);
   push_result push_object(char c);
 
-  /// Pushes characters up to the first that is rejected or the terminating NUL, whichever comes first, and returns where
-  /// that stands. The same answers as single pushes, except that the NUL ends a string literal's body too.
+  /// Pushes characters up to the first that is rejected or the terminating NUL, whichever comes first, and returns
+  /// where that stands. The same answers as single pushes, except that the NUL ends a string literal's body too.
   const char* push_text(const char* text);
 
   /// Moves the text of a complete value out and clears the reader.
   std::string take_text();
   const char* push_run(const char* text);
 
-  std::string open_containers;          // opening bracket of each container around the innermost value, outermost first
-  std::size_t value_begin = 0;          // where the innermost value begins in the buffer
-  std::size_t completed = 0;            // length of the outermost container's text without its open child
-  char value_first = '\0';              // first character of the innermost value, NUL while it has none
-  char state = 0;                       // state of the innermost value
-  entry_part part = ENTRY_VALUE;        // meaningful while the innermost value belongs to an object
+  std::string open_containers;    // opening bracket of each container around the innermost value, outermost first
+  std::size_t value_begin = 0;    // where the innermost value begins in the buffer
+  std::size_t completed = 0;      // length of the outermost container's text without its open child
+  char value_first = '\0';        // first character of the innermost value, NUL while it has none
+  char state = 0;                 // state of the innermost value
+  entry_part part = ENTRY_VALUE;  // meaningful while the innermost value belongs to an object
 };
 
 /// Recognises one "key":value pair of an object the same way; type() is the value's.

@@ -8,7 +8,8 @@ namespace velo::ssoService {
 
 FileKeyCertificateProvider::FileKeyCertificateProvider(const std::string& keyFileName,
                                                        const std::string& certificateFileName)
-    : keyPath(keyFileName), certificatePath(certificateFileName) {}
+    : keyPath(keyFileName), certificatePath(certificateFileName) {
+}
 
 FileKeyCertificateProvider::~FileKeyCertificateProvider() {
   wipe(privateKey);

@@ -4,8 +4,8 @@
 
 namespace velo::ssoService {
 
-/// Gives the device's RSA private key and X.509 certificate, and what follows from the certificate. No lock: callers see
-/// to it that one call runs at a time.
+/// Gives the device's RSA private key and X.509 certificate, and what follows from the certificate. No lock: callers
+/// see to it that one call runs at a time.
 ///
 /// Every getter returns the cached text unless it is empty or a reload is asked for. A text that comes out empty is
 /// never taken as cached. Failures are thrown as KCException.

@@ -33,7 +33,8 @@ bool isConnected(int connection) {
 
 }  // namespace
 
-OrvexKCProvider::OrvexKCProvider(int servicePort) : port(servicePort) {}
+OrvexKCProvider::OrvexKCProvider(int servicePort) : port(servicePort) {
+}
 
 OrvexKCProvider::~OrvexKCProvider() {
   wipe(privateKey);

@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>

@@ -16,16 +16,16 @@ enum LogLevel : int {
   LOG_LEVEL_VERBOSE = 5
 };
 
-/// Writes one message: the time if it is on, "[file:line] ", the printf-style text and, unless the format itself ends in
-/// one, a line end. Texts that come from outside are arguments, never formats.
+/// Writes one message: the time if it is on, "[file:line] ", the printf-style text and, unless the format itself ends
+/// in one, a line end. Texts that come from outside are arguments, never formats.
 void log_message(const char* file, int line, int level, const char* format, ...) __attribute__((format(printf, 4, 5)));
 
 /// Starts the log: the prefix of its file names (null or empty for standard output; copied), the level, and whether
 /// lines begin with the time of day. Returns what log_set_level returns.
 int log_init(const char* prefix, int level, int timestamps);
 
-/// 0 when the level is set; 1 when it is not one of 0..5, or when the log's file could not be opened and standard output
-/// is used instead; the failure code of fclose when the log's file could not be closed.
+/// 0 when the level is set; 1 when it is not one of 0..5, or when the log's file could not be opened and standard
+/// output is used instead; the failure code of fclose when the log's file could not be closed.
 int log_set_level(int level);
 int log_set_level_name(const char* name);
 

@@ -22,7 +22,8 @@ constexpr int STOP_GRACE_MILLISECONDS = 1000;
 
 }  // namespace
 
-FrameReader::FrameReader(int source, Patience waiting) : connection(source), patience(waiting) {}
+FrameReader::FrameReader(int source, Patience waiting) : connection(source), patience(waiting) {
+}
 
 FrameReader::~FrameReader() {
   wipe(payload);

@@ -6,8 +6,8 @@
 
 namespace velo::ssoService {
 
-/// The largest payload that is accepted from a local client or the key service. A bigger frame counts as failed when its
-/// length is known, before any memory is spent on it.
+/// The largest payload that is accepted from a local client or the key service. A bigger frame counts as failed when
+/// its length is known, before any memory is spent on it.
 constexpr std::uint32_t MAX_FRAME_BYTES = 1024 * 1024;
 
 /// How a transfer on a connection ended.

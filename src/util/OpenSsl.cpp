@@ -40,7 +40,8 @@ bool decryptOaep(EVP_PKEY* key, const unsigned char* block, std::size_t length, 
   std::size_t plainLength = plain.size();
   if (!context || EVP_PKEY_decrypt_init(context.get()) <= 0 ||
       EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_OAEP_PADDING) <= 0 ||
-      EVP_PKEY_decrypt(context.get(), reinterpret_cast<unsigned char*>(plain.data()), &plainLength, block, length) <= 0) {
+      EVP_PKEY_decrypt(context.get(), reinterpret_cast<unsigned char*>(plain.data()), &plainLength, block, length) <=
+          0) {
     wipe(plain);
     return false;
   }

@@ -19,8 +19,8 @@ void takeStopSignals();
 /// Hands the stop signals that are pending to onStopSignal. For the main thread.
 void deliverStopSignals();
 
-/// Waits, at most so long, until a stop signal comes, and delivers it. Returns at once when one is pending. For the main
-/// thread.
+/// Waits, at most so long, until a stop signal comes, and delivers it. Returns at once when one is pending. For the
+/// main thread.
 void waitForStopSignal(std::chrono::seconds limit);
 
 /// Whether a stop signal is pending or has been handled. For any thread.
