@@ -114,7 +114,7 @@ std::string SsoApiSocketProvider::readRequest() {
                 static_cast<int>(frame.length()));
       return "";
   }
-  const std::string request = frame.text();
+  std::string request = frame.text();
   LOG_INFO("SSO API received request %s", request.c_str());
   return request;
 }
@@ -136,7 +136,7 @@ void SsoApiSocketProvider::sendReply(const std::string& text) {
 /// resets the connection, and the reset could overtake the reply. The client gets a moment to finish, no more.
 void SsoApiSocketProvider::discardUnreadInput() {
   constexpr std::chrono::milliseconds MOMENT{1000};
-  std::array<char, 16 * 1024> unwanted;
+  std::array<char, 16384> unwanted;
   const auto take = [&] { return ::recv(clientSocket.get(), unwanted.data(), unwanted.size(), MSG_DONTWAIT); };
   if (!frameRefused && take() <= 0) {
     return;

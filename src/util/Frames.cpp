@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::size_t LENGTH_BYTES = 4;
 constexpr std::size_t FIRST_READ_BYTES = 255;
-constexpr std::size_t CHUNK_BYTES = 16 * 1024;
+constexpr std::size_t CHUNK_BYTES = 16384;
 constexpr int STOP_GRACE_MILLISECONDS = 1000;
 
 }  // namespace
