@@ -172,6 +172,12 @@ bool Discovery::AsymmetricPrivateKeyDecryption(const std::string& privateKeyPem,
     LOG_ERROR("RSA_private_decrypt() FAILED");
     throw KCException("Decrypting Discovery data: RSA_private_decrypt() FAILED");
   }
+  const int size = EVP_PKEY_size(key.get());
+  if (plain.size() > static_cast<std::size_t>(size)) {
+    LOG_ERROR("RSA_private_decrypt() produced %d characters, expected at most %d", static_cast<int>(plain.size()),
+              size);
+    throw KCException("Decrypting Discovery data: RSA_private_decrypt() FAILED");
+  }
   output->append(plain.c_str());
   return !plain.empty();
 }

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <string>
 
-#include "Base64.h"
+#include "Base64.h"  // IWYU pragma: export
 
 namespace velo::ssoService {
 
@@ -21,6 +21,9 @@ class Discovery {
   /// object. Throws SsoException for an empty URL, KCException for a missing provider, and what getCertificateId
   /// throws.
   Discovery(const std::string& endpointUrl, bool useCache, const std::string& folder, KeyCertificateProvider* provider);
+
+  Discovery(const Discovery&) = delete;
+  Discovery& operator=(const Discovery&) = delete;
 
   /// The decrypted configuration; retrieved first if it is not there yet, with the exceptions of that.
   std::string getDiscoveryData();

@@ -2,6 +2,8 @@
 
 #include <openssl/ssl.h>
 
+#include <iterator>
+
 #include "KCException.h"
 #include "SsoException.h"
 #include "json/json.h"

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "AccessToken.h"
-#include "Uuid.h"
+#include "Uuid.h"  // IWYU pragma: export
 
 namespace velo::ssoService {
 
@@ -20,6 +20,9 @@ class SsoClient {
   /// The provider stays its owner's and has to outlive this object. Throws SsoException for an empty URL, KCException
   /// for a missing provider, and what getCertificateId throws.
   SsoClient(const std::string& openIdConfigurationUrl, KeyCertificateProvider* provider);
+
+  SsoClient(const SsoClient&) = delete;
+  SsoClient& operator=(const SsoClient&) = delete;
 
   /// Whether the token endpoint is known.
   bool isConfigured() const;

@@ -64,7 +64,8 @@ class rs256 {
   }
 
   static void load(const std::string& pem, std::string password, const char* failure, key_reader read) {
-    const std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new_mem_buf(pem.c_str(), -1), BIO_free);
+    const std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())),
+                                                        BIO_free);
     const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
         bio ? read(bio.get(), nullptr, give_password, &password) : nullptr, EVP_PKEY_free);
     ERR_clear_error();
@@ -96,7 +97,8 @@ class builder {
   builder& set_not_before(const date& time) { return set_date("nbf", time); }
   builder& set_issued_at(const date& time) { return set_date("iat", time); }
 
-  /// The signed token in compact form. Throws std::runtime_error when libjwt cannot take a claim or sign.
+  /// The signed token in compact form. Throws std::runtime_error when libjwt cannot take a claim (which has to be
+  /// UTF-8) or sign.
   std::string sign(const algorithm::rs256& algorithm) const {
     jwt_t* created = nullptr;
     require(jwt_new(&created), "failed to create token");

@@ -2,6 +2,8 @@
 
 #include <openssl/pem.h>
 
+#include <memory>
+
 #include "KCException.h"
 #include "logging/logging.h"
 #include "util/OpenSsl.h"

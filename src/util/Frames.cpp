@@ -1,6 +1,7 @@
 #include "util/Frames.h"
 
 #include <arpa/inet.h>
+#include <openssl/crypto.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -18,7 +19,7 @@ namespace {
 constexpr std::size_t LENGTH_BYTES = 4;
 constexpr std::size_t FIRST_READ_BYTES = 255;
 constexpr std::size_t CHUNK_BYTES = 16384;
-constexpr int STOP_GRACE_MILLISECONDS = 1000;
+constexpr std::chrono::seconds STOP_GRACE{1};
 
 }  // namespace
 
@@ -30,24 +31,22 @@ FrameReader::~FrameReader() {
 }
 
 Transfer FrameReader::readLength() {
-  payload.resize(FIRST_READ_BYTES);
+  char head[FIRST_READ_BYTES];
   std::size_t headCount = 0;
   while (headCount < LENGTH_BYTES) {
     std::size_t count = 0;
-    const Transfer outcome = readSome(payload.data() + headCount, FIRST_READ_BYTES - headCount, count);
+    const Transfer outcome = readSome(head + headCount, FIRST_READ_BYTES - headCount, count);
     if (outcome != Transfer::COMPLETE) {
-      payload.clear();
       return outcome;
     }
     headCount += count;
   }
-  std::memcpy(&announced, payload.data(), LENGTH_BYTES);
+  std::memcpy(&announced, head, LENGTH_BYTES);
   announced = ntohl(announced);
-  payload.resize(headCount);
-  payload.erase(0, LENGTH_BYTES);
-  if (payload.size() > announced) {
-    payload.resize(announced);
-  }
+  payload.reserve(
+      std::min<std::size_t>(announced, CHUNK_BYTES));  // a text that grows would leave copies of a key behind
+  payload.assign(head + LENGTH_BYTES, std::min<std::size_t>(headCount - LENGTH_BYTES, announced));
+  OPENSSL_cleanse(head, sizeof head);
   return Transfer::COMPLETE;
 }
 
@@ -82,7 +81,7 @@ Transfer FrameReader::readSome(char* buffer, std::size_t capacity, std::size_t& 
   return Transfer::COMPLETE;
 }
 
-/// Waits for the other side; false when a stop signal came and nothing else in its grace time.
+/// Waits for the other side; false when a stop signal has come and the other side does not send in the grace time.
 bool FrameReader::waitForInput() {
   pollfd watched[] = {{connection, POLLIN, 0}, {stopSignalDescriptor(), POLLIN, 0}};
   while (!isStopPending()) {
@@ -90,9 +89,12 @@ bool FrameReader::waitForInput() {
       return true;
     }
   }
-  const int grace = stopSeen ? 0 : STOP_GRACE_MILLISECONDS;
-  stopSeen = true;
-  return ::poll(watched, 1, grace) > 0;
+  const auto now = std::chrono::steady_clock::now();
+  if (!graceEnd) {
+    graceEnd = now + STOP_GRACE;
+  }
+  const auto rest = std::chrono::ceil<std::chrono::milliseconds>(*graceEnd - now);
+  return ::poll(watched, 1, static_cast<int>(std::max<std::int64_t>(rest.count(), 0))) > 0;
 }
 
 Transfer sendAll(int connection, const std::string& bytes) {

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace velo::ssoService {
@@ -23,7 +25,7 @@ class FrameReader {
  public:
   enum class Patience {
     UNLIMITED,  ///< waits for the other side as long as it takes
-    UNTIL_STOP  ///< a stop signal ends the wait like an interrupted read, a second after it came
+    UNTIL_STOP  ///< a stop signal ends the wait like an interrupted read, a second after it is seen
   };
 
   /// The descriptor stays the caller's.
@@ -50,7 +52,7 @@ class FrameReader {
 
   const int connection;
   const Patience patience;
-  bool stopSeen = false;
+  std::optional<std::chrono::steady_clock::time_point> graceEnd;  // once a stop is seen
   std::uint32_t announced = 0;
   std::string payload;  // wiped: it may carry a private key or a token
 };

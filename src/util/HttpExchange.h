@@ -10,7 +10,7 @@ namespace velo::ssoService {
 
 /// The longest response body that is kept. A longer one ends the transfer with CURLE_WRITE_ERROR: no reply that the
 /// service can use comes near it, and the device's memory is not the other side's to fill.
-constexpr std::size_t MAX_RESPONSE_BYTES = std::size_t{16} * 1024 * 1024;
+constexpr std::size_t MAX_RESPONSE_BYTES = std::size_t{2} * 1024 * 1024;
 
 /// libcurl write callback: appends size x count bytes to the std::string given as write data and returns size x count;
 /// less, which ends the transfer, when the body is too long or memory runs out. Never throws.

@@ -9,10 +9,6 @@
 namespace velo::ssoService {
 namespace {
 
-BioOwner textBio(const std::string& text) {
-  return BioOwner(BIO_new_mem_buf(text.c_str(), -1));
-}
-
 /// Stands in the place of OpenSSL's own callback, which would prompt on the terminal.
 int refusePassPhrase(char* /*buffer*/, int /*size*/, int /*writing*/, void* /*unused*/) {
   return -1;
@@ -25,12 +21,12 @@ ErrorQueueCleaner::~ErrorQueueCleaner() {
 }
 
 X509Owner readCertificate(const std::string& pem) {
-  const BioOwner bio = textBio(pem);
+  const BioOwner bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
   return X509Owner(bio ? PEM_read_bio_X509_AUX(bio.get(), nullptr, refusePassPhrase, nullptr) : nullptr);
 }
 
 KeyOwner readPrivateKey(const std::string& pem) {
-  const BioOwner bio = textBio(pem);
+  const BioOwner bio(BIO_new_mem_buf(pem.c_str(), -1));
   return KeyOwner(bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, refusePassPhrase, nullptr) : nullptr);
 }
 

@@ -35,8 +35,8 @@ class ErrorQueueCleaner {
 /// The first certificate in a PEM text (PEM_read_bio_X509_AUX); null when there is none.
 X509Owner readCertificate(const std::string& pem);
 
-/// The private key in a PEM text (PEM_read_bio_PrivateKey); null when there is none that can be read. An encrypted key
-/// counts as unreadable: nobody is there to be asked for a pass phrase.
+/// The private key in a PEM text that ends at its first NUL (PEM_read_bio_PrivateKey); null when there is none that can
+/// be read. An encrypted key counts as unreadable: nobody is there to be asked for a pass phrase.
 KeyOwner readPrivateKey(const std::string& pem);
 
 /// Decrypts one block with RSA-OAEP (SHA-1, MGF1 with SHA-1). False when it does not decrypt.
