@@ -14,6 +14,7 @@ namespace {
 constexpr const char* LOG_SOURCE = "DiscoverySSOManager";
 constexpr std::chrono::seconds IDLE_PAUSE{1};
 constexpr std::chrono::seconds RETRY_PAUSE{30};
+constexpr const char* NOT_READY = "Cloud discovery failed. ";
 
 [[noreturn]] void terminateProcess(const char* reason) {
   LOG_ERROR("%s", reason);
@@ -29,15 +30,16 @@ DiscoverySSOManager::DiscoverySSOManager(const std::string& configPath, const st
 }
 
 DiscoverySSOManager::~DiscoverySSOManager() {
-  shutDown();
+  release();
 }
 
 void DiscoverySSOManager::shutDown() {
-  const std::unique_lock<std::mutex> guard(lock, std::try_to_lock);
-  if (!guard.owns_lock()) {
-    return;
+  if (lock.try_lock()) {  // and never given back: late requests wait for the end of the process
+    release();
   }
-  state = CONFIGURED;
+}
+
+void DiscoverySSOManager::release() {
   provider.reset();
   ssoClient.reset();
   discovery.reset();
@@ -58,11 +60,11 @@ std::string DiscoverySSOManager::serveRequest(const char* refusal, Operation ope
 }
 
 std::string DiscoverySSOManager::getToken(const std::string& scope) {
-  return serveRequest("Cloud discovery failed. ", [&] { return ssoClient->getAccessToken(scope); });
+  return serveRequest(NOT_READY, [&] { return ssoClient->getAccessToken(scope); });
 }
 
 std::string DiscoverySSOManager::getDiscoveryData() {
-  return serveRequest("Cloud discovery failed. ", [&] { return discovery->getDiscoveryData(); });
+  return serveRequest(NOT_READY, [&] { return discovery->getDiscoveryData(); });
 }
 
 std::string DiscoverySSOManager::getCertificateId() {
@@ -77,7 +79,7 @@ bool DiscoverySSOManager::reset() {
     return false;
   }
   state = RESET_REQUESTED;
-  LOG_INFO("Reseting SSO Manager");
+  LOG_INFO("Reseting SSO Manager");  // Kept: as it is spelt.
   discovery.reset();
   ssoClient.reset();
   return true;

@@ -61,8 +61,8 @@ class DiscoverySSOManager {
   /// One attempt to get ready; a failure is left in the state and the last error.
   void initialize();
 
-  /// Releases the provider, the clients and libcurl, unless a request is still using them: then they are left to the
-  /// end of the process. Requests that come later are refused.
+  /// To be called once before the process ends: releases the provider, the clients and libcurl, unless a request is
+  /// still using them; then they are left to the end of the process. Requests that come later wait for that too.
   void shutDown();
 
  private:
@@ -70,6 +70,7 @@ class DiscoverySSOManager {
   void configure();
   bool useProviderCloudUrl();
   void enter(ManagerState next, const std::string& reason);
+  void release();
   template <typename Operation>
   std::string serveRequest(const char* refusal, Operation operation);
 

@@ -1,5 +1,7 @@
 #include "LoggingSettings.h"
 
+#include <exception>
+
 #include "json/json.h"
 #include "logging/logging.h"
 #include "util/FileText.h"
@@ -29,13 +31,13 @@ void startConfiguredLog(const json::jobject& sso, const std::string& configPath)
 }  // namespace
 
 bool readLoggingSettings(const std::string& configPath) {
-  std::string text;
-  if (!readWholeFile(configPath, text)) {
-    startDefaultLog();
-    LOG_ERROR("Unable to open configuration file %s", configPath.c_str());
-    return false;
-  }
   try {
+    std::string text;
+    if (!readWholeFile(configPath, text)) {
+      startDefaultLog();
+      LOG_ERROR("Unable to open configuration file %s", configPath.c_str());
+      return false;
+    }
     const json::jobject document = json::jobject::parse(text);
     if (!hasObject(document, "sso")) {
       startDefaultLog();

@@ -1,5 +1,6 @@
 // The configuration file: what the manager takes from it and how it says what is wrong with it.
 
+#include <exception>
 #include <utility>
 
 #include "DiscoverySSOManager.h"
@@ -45,6 +46,7 @@ std::unique_ptr<KeyCertificateProvider> makeFileTemplateProvider(const json::job
   const std::string key = section["key_template"].as_string();
   const std::string certificate = section["certificate_template"].as_string();
   if (!isValidTemplate(key) || !isValidTemplate(certificate)) {
+    // Kept: "occurence", and the "%s" stands in the line as it is.
     LOG_ERROR("%s",
               "Configuration file: exactly 1 occurence of %s in each sso.certificate_provider.key_template and "
               "sso.certificate_provider.certificate_template required for file-template");
@@ -71,13 +73,13 @@ void* apiProviderThreadMain(SsoApiProvider* apiProvider) {
 }  // namespace
 
 bool DiscoverySSOManager::readConfiguration(const std::string& configPath) {
-  std::string text;
-  if (!readWholeFile(configPath, text)) {
-    LOG_ERROR("Unable to open configuration file %s", configPath.c_str());
-    return false;
-  }
-  LOG_INFO("Reading configuration from %s", configPath.c_str());
   try {
+    std::string text;
+    if (!readWholeFile(configPath, text)) {
+      LOG_ERROR("Unable to open configuration file %s", configPath.c_str());
+      return false;
+    }
+    LOG_INFO("Reading configuration from %s", configPath.c_str());
     return applyConfiguration(json::jobject::parse(text), configPath);
   } catch (const std::exception& reason) {
     LOG_ERROR("Error processing configuration file %s, error %s ", configPath.c_str(), reason.what());

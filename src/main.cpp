@@ -7,6 +7,7 @@
 #include "DiscoverySSOManager.h"
 #include "LoggingSettings.h"
 #include "logging/logging.h"
+#include "util/Descriptor.h"
 #include "util/NoDestructor.h"
 #include "util/StopSignals.h"
 
@@ -23,6 +24,7 @@ int main(int argc, char** argv) {
     return EXIT_FAILURE;
   }
   const std::string configPath = argv[1];
+  occupyStandardDescriptors();
   takeStopSignals();
   // API threads may be inside OpenSSL when the process ends: nothing may be taken from under them.
   OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);

@@ -1,5 +1,7 @@
 // What local programs can ask, and what they get.
 
+#include <exception>
+
 #include "DiscoverySSOManager.h"
 #include "apiProviders/SsoApiSocketProvider.h"
 #include "json/json.h"
@@ -55,7 +57,7 @@ void SsoApiSocketProvider::sendTokenReply(const std::string& scope) {
     json::jobject reply = makeReply("ok");
     reply["token"] = manager->getToken(scope);
     const std::string text = reply.as_string();
-    LOG_INFO("Sending json token reply %s", text.c_str());
+    LOG_INFO("Sending json token reply %s", text.c_str());  // Kept: with the token.
     sendReply(text);
   } catch (const std::exception& reason) {
     LOG_ERROR("SSO API Getting access token failed %s", reason.what());

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <exception>
 
 #include "logging/logging.h"
 #include "util/Clock.h"
@@ -52,7 +53,7 @@ bool SsoApiSocketProvider::setupServer() {
     LOG_ERROR("SSO API socket bind failed ");
     return false;
   }
-  LOG_INFO("SSO API Socket successfully binded");
+  LOG_INFO("SSO API Socket successfully binded");  // Kept: as it is spelt.
   if (::listen(serverSocket.get(), BACKLOG) != 0) {
     LOG_ERROR("SSO API listen failed");
     return false;
@@ -66,7 +67,7 @@ void SsoApiSocketProvider::acceptLoop() {
     clientSocket.reset(::accept4(serverSocket.get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (!clientSocket.isOpen()) {
       LOG_ERROR("SSO API server accept failed");
-      setupServer();
+      setupServer();  // Kept: without a pause, and whatever comes of it.
       continue;
     }
     LOG_INFO("SSO API server accepted the client");
@@ -132,13 +133,15 @@ void SsoApiSocketProvider::sendReply(const std::string& text) {
   }
 }
 
-/// Takes what the client sent beyond its frame, or of a frame that was refused: closing a socket with unread input
-/// resets the connection, and the reset could overtake the reply. The client gets a moment to finish, no more.
+/// Takes what the client sent beyond its frame: closing a socket with unread input resets the connection, and the reset
+/// could overtake the reply. The client of a frame that was refused gets a moment to finish sending.
 void SsoApiSocketProvider::discardUnreadInput() {
   constexpr std::chrono::milliseconds MOMENT{1000};
   std::array<char, 16384> unwanted;
-  const auto take = [&] { return ::recv(clientSocket.get(), unwanted.data(), unwanted.size(), MSG_DONTWAIT); };
-  if (!frameRefused && take() <= 0) {
+  const auto take = [&] { return ::recv(clientSocket.get(), unwanted.data(), unwanted.size(), MSG_DONTWAIT) > 0; };
+  for (std::size_t taken = 0; taken < MAX_FRAME_BYTES && take(); taken += unwanted.size()) {
+  }
+  if (!frameRefused) {
     return;
   }
   ::shutdown(clientSocket.get(), SHUT_WR);
@@ -149,7 +152,7 @@ void SsoApiSocketProvider::discardUnreadInput() {
     if (rest.count() <= 0 || ::poll(&watched, 1, static_cast<int>(rest.count())) <= 0) {
       return;
     }
-  } while (take() > 0);
+  } while (take());
 }
 
 }  // namespace velo::ssoService

@@ -49,9 +49,9 @@ class SsoApiSocketProvider : public SsoApiProvider {
   DiscoverySSOManager* manager;
   int port;
   Descriptor serverSocket;
-  Descriptor clientSocket;    // open while a client is served
-  bool frameRefused = false;  // the client's frame is too large: more of it is on its way
+  Descriptor clientSocket;  // open while a client is served
   std::atomic<bool> stopFlag{false};
+  bool frameRefused = false;  // the client's frame is too large: more of it is on its way
 };
 
 }  // namespace velo::ssoService

@@ -13,6 +13,7 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <string>
 
 namespace {
 
@@ -33,6 +34,7 @@ struct LogState {
   std::int64_t openedAt = 0;
   std::int64_t rotateAt = 0;
   int lineCount = 0;
+  std::time_t zoneReadAt = 0;
 };
 
 /// Never destroyed: threads may log until the process is gone.
@@ -52,25 +54,31 @@ class ErrnoKeeper {
   int kept;
 };
 
-std::tm localTime(std::time_t seconds) {
+/// The local time now. The device's time zone may be set while the service runs: it is read again each second.
+std::tm localTime(LogState& log) {
+  const std::time_t now = std::time(nullptr);
+  if (now != log.zoneReadAt) {
+    tzset();
+    log.zoneReadAt = now;
+  }
   std::tm broken{};
-  localtime_r(&seconds, &broken);
+  localtime_r(&now, &broken);
   return broken;
 }
 
 /// The form of asctime without its line end.
-std::string dateText() {
-  const std::tm now = localTime(std::time(nullptr));
+std::string dateText(LogState& log) {
+  const std::tm now = localTime(log);
   char text[64] = "";
   static_cast<void>(std::strftime(text, sizeof text, "%a %b %e %H:%M:%S %Y", &now));
   return text;
 }
 
-std::string timeStampedName(const std::string& prefix) {
-  const std::tm now = localTime(std::time(nullptr));
+std::string timeStampedName(LogState& log) {
+  const std::tm now = localTime(log);
   char stamp[64] = "";
   static_cast<void>(std::strftime(stamp, sizeof stamp, "-%Y-%m-%d-%H-%M-%S.log", &now));
-  return prefix + stamp;
+  return log.prefix + stamp;
 }
 
 void setRotationStart(LogState& log) {
@@ -80,7 +88,7 @@ void setRotationStart(LogState& log) {
 int closeLocked(LogState& log) {
   int result = 0;
   if (log.stream != nullptr) {
-    static_cast<void>(std::fprintf(log.stream, "LOG END %s", dateText().c_str()));
+    static_cast<void>(std::fprintf(log.stream, "LOG END %s", dateText(log).c_str()));
     static_cast<void>(std::fflush(log.stream));
     if (log.stream != stdout) {
       result = std::fclose(log.stream);
@@ -99,7 +107,7 @@ int openLocked(LogState& log) {
   if (log.prefix.empty()) {
     log.stream = stdout;
   } else {
-    const std::string name = timeStampedName(log.prefix);
+    const std::string name = timeStampedName(log);
     log.stream = std::fopen(name.c_str(), "we");
     if (log.stream != nullptr) {
       log.fileName = name;
@@ -114,18 +122,19 @@ int openLocked(LogState& log) {
   }
   log.openedAt = std::time(nullptr);
   setRotationStart(log);
-  static_cast<void>(std::fprintf(log.stream, "LOG START %s\n", dateText().c_str()));
+  static_cast<void>(std::fprintf(log.stream, "LOG START %s\n", dateText(log).c_str()));
   static_cast<void>(std::fflush(log.stream));
   log.lineCount = 0;
   return result;
 }
 
-bool writesToFile(const LogState& log) {
-  return log.stream != nullptr && log.stream != stdout;
+/// Kept: a log that is not open counts as a file too.
+bool isRotated(const LogState& log) {
+  return log.stream != stdout;
 }
 
 void checkSizeLocked(LogState& log) {
-  if (log.maxSize < 1 || !writesToFile(log)) {
+  if (log.maxSize < 1 || !isRotated(log)) {
     return;
   }
   struct stat status {};
@@ -137,7 +146,7 @@ void checkSizeLocked(LogState& log) {
 }
 
 void checkTimeLocked(LogState& log) {
-  if (log.rotationHours > 0 && writesToFile(log) && std::time(nullptr) >= log.rotateAt) {
+  if (log.rotationHours > 0 && isRotated(log) && std::time(nullptr) >= log.rotateAt) {
     openLocked(log);
   }
 }
@@ -163,14 +172,14 @@ struct LineHead {
   int line;
 };
 
-LineHead makeHead(const LogState& log, const char* file, int line) {
+LineHead makeHead(LogState& log, const char* file, int line) {
   LineHead head;
   head.file = file;
   head.line = line;
   if (log.timestamps) {
     std::timespec precise{};
     clock_gettime(CLOCK_REALTIME, &precise);
-    const std::tm now = localTime(std::time(nullptr));
+    const std::tm now = localTime(log);
     static_cast<void>(std::snprintf(head.time, sizeof head.time, "%02d:%02d:%02d.%03ld ", now.tm_hour, now.tm_min,
                                     now.tm_sec, static_cast<long>(static_cast<double>(precise.tv_nsec) / 1000000.0)));
   }

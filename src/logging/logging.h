@@ -1,10 +1,8 @@
 #pragma once
 
 // The process-wide log: one line a message on standard output or in a time-stamped file. Every function may be called
-// from any thread; lines never mix. None of them throws, and a log call leaves errno as it was. Not for a handler that
-// interrupts a thread: it locks.
-
-#include <string>
+// from any thread; lines never mix. None of them throws, unless memory runs out while a file is named; a log call
+// leaves errno as it was. Not for a handler that interrupts a thread: it locks.
 
 /// Levels of messages and of the log; a message is written when its level is at most the log's.
 enum LogLevel : int {

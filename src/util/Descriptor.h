@@ -36,4 +36,8 @@ class Descriptor {
   int descriptor;
 };
 
+/// Opens /dev/null in the place of the standard descriptors that the process was started without, so that no socket or
+/// file gets their numbers and with them what is printed.
+void occupyStandardDescriptors();
+
 }  // namespace velo::ssoService

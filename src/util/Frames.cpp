@@ -85,7 +85,8 @@ Transfer FrameReader::readSome(char* buffer, std::size_t capacity, std::size_t& 
 bool FrameReader::waitForInput() {
   pollfd watched[] = {{connection, POLLIN, 0}, {stopSignalDescriptor(), POLLIN, 0}};
   while (!isStopPending()) {
-    if (::poll(watched, 2, -1) > 0 && watched[0].revents != 0) {
+    constexpr int MILLISECONDS_BETWEEN_LOOKS = 1000;  // a stop that another thread takes is seen by then
+    if (::poll(watched, 2, MILLISECONDS_BETWEEN_LOOKS) > 0 && watched[0].revents != 0) {
       return true;
     }
   }

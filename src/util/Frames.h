@@ -29,7 +29,7 @@ class FrameReader {
   };
 
   /// The descriptor stays the caller's.
-  explicit FrameReader(int connection, Patience waiting = Patience::UNLIMITED);
+  explicit FrameReader(int source, Patience waiting = Patience::UNLIMITED);
   ~FrameReader();
   FrameReader(const FrameReader&) = delete;
   FrameReader& operator=(const FrameReader&) = delete;

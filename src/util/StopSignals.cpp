@@ -35,8 +35,8 @@ void takeStopSignals() {
   sigaddset(&stopSignals, SIGTERM);
   sigaddset(&stopSignals, SIGINT);
   signalDescriptor = ::signalfd(-1, &stopSignals, SFD_CLOEXEC | SFD_NONBLOCK);
-  if (signalDescriptor >=
-      0) {  // without a descriptor an interrupting handler is better than a process that cannot stop
+  // Without a descriptor an interrupting handler is better than a process that cannot be stopped.
+  if (signalDescriptor >= 0) {
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
   }
   std::signal(SIGTERM, onStopSignal);

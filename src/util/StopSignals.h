@@ -13,7 +13,8 @@ extern std::atomic<int> stopRequested;
 void onStopSignal(int signo);
 
 /// Installs onStopSignal and blocks the stop signals in the calling thread and in all that it starts later; ignores the
-/// signals by which a lost client or a full disk would end the process. To be called once, before any thread exists.
+/// signals by which a lost client or a file size limit would end the process. To be called once, before any thread
+/// exists.
 void takeStopSignals();
 
 /// Hands the stop signals that are pending to onStopSignal. For the main thread.
