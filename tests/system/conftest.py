@@ -1,0 +1,49 @@
+"""Fixtures of all system tests. SSO_SERVICE names the executable that they drive."""
+
+import os
+
+import pytest
+
+from support.device import Device
+from support.world import World
+
+
+@pytest.fixture(scope="session")
+def executable():
+    path = os.environ.get("SSO_SERVICE")
+    if not path:
+        pytest.fail("SSO_SERVICE is not set: it has to name the sso-discovery-service executable to test", pytrace=False)
+    if not os.access(path, os.X_OK):
+        pytest.fail(f"SSO_SERVICE names {path}, which cannot be executed", pytrace=False)
+    return os.path.abspath(path)
+
+
+@pytest.fixture(scope="session")
+def device(tmp_path_factory):
+    return Device(tmp_path_factory.mktemp("device"))
+
+
+@pytest.fixture(scope="session")
+def other_device(tmp_path_factory):
+    """The same name with another key."""
+    return Device(tmp_path_factory.mktemp("other-device"))
+
+
+@pytest.fixture
+def world(executable, device, tmp_path):
+    result = World(executable, device, tmp_path)
+    yield result
+    result.close()
+
+
+@pytest.fixture(scope="module")
+def module_world(executable, device, tmp_path_factory):
+    """For services that the tests of one module share."""
+    result = World(executable, device, tmp_path_factory.mktemp("module"))
+    yield result
+    result.close()
+
+
+@pytest.fixture
+def cloud(world):
+    return world.new_cloud()

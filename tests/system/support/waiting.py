@@ -1,0 +1,18 @@
+"""Waiting for a condition, never longer than a deadline."""
+
+import time
+
+# Long enough for a sanitizer build on a busy machine; a test that passes never comes near it.
+DEADLINE_SECONDS = 20
+
+
+def wait_until(condition, what, seconds=DEADLINE_SECONDS):
+    """Return the first true value of `condition()`; fail with `what` when the deadline passes."""
+    end = time.monotonic() + seconds
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > end:
+            raise AssertionError(f"waited {seconds} s in vain: {what() if callable(what) else what}")
+        time.sleep(0.003)
