@@ -30,19 +30,20 @@ class rs256 {
  public:
   /// PEM texts. Throws std::runtime_error when the private key, or without one the public key, cannot be loaded.
   explicit rs256(const std::string& public_key, const std::string& private_key = "",
-                 const std::string& public_key_password = "", const std::string& private_key_password = "")
-      : signing_key(private_key) {
+                 const std::string& public_key_password = "", const std::string& private_key_password = "") {
     if (private_key.empty()) {
       load(public_key, public_key_password, "failed to load public key", PEM_read_bio_PUBKEY);
     } else {
-      load(private_key, private_key_password, "failed to load private key", PEM_read_bio_PrivateKey);
+      const key_owner key =
+          load(private_key, private_key_password, "failed to load private key", PEM_read_bio_PrivateKey);
+      signing_key = write_plain(key.get());
     }
   }
   rs256(const rs256&) = default;
   rs256& operator=(const rs256&) = delete;
   ~rs256() { OPENSSL_cleanse(signing_key.data(), signing_key.size()); }
 
-  /// The PEM text to sign with. Throws std::runtime_error when only a public key was given.
+  /// The PEM text to sign with, not encrypted. Throws std::runtime_error when only a public key was given.
   const std::string& private_key_pem() const {
     if (signing_key.empty()) {
       throw std::runtime_error("failed to create signature: no private key given");
@@ -51,9 +52,11 @@ class rs256 {
   }
 
  private:
+  using bio_owner = std::unique_ptr<BIO, decltype(&BIO_free)>;
+  using key_owner = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
   using key_reader = EVP_PKEY* (*)(BIO*, EVP_PKEY**, pem_password_cb*, void*);
 
-  /// The library would ask on the terminal for the pass phrase of an encrypted key; here the given one decides.
+  /// OpenSSL would ask on the terminal for the pass phrase of an encrypted key; here the given one decides.
   static int give_password(char* buffer, int size, int /*writing*/, void* password) {
     const std::string& text = *static_cast<const std::string*>(password);
     if (text.empty() || text.size() > static_cast<std::size_t>(size)) {
@@ -63,11 +66,9 @@ class rs256 {
     return static_cast<int>(text.size());
   }
 
-  static void load(const std::string& pem, std::string password, const char* failure, key_reader read) {
-    const std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())),
-                                                        BIO_free);
-    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
-        bio ? read(bio.get(), nullptr, give_password, &password) : nullptr, EVP_PKEY_free);
+  static key_owner load(const std::string& pem, std::string password, const char* failure, key_reader read) {
+    const bio_owner bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())), BIO_free);
+    key_owner key(bio ? read(bio.get(), nullptr, give_password, &password) : nullptr, EVP_PKEY_free);
     ERR_clear_error();
     if (!key) {
       throw std::runtime_error(failure);
@@ -75,6 +76,18 @@ class rs256 {
     if (EVP_PKEY_base_id(key.get()) != EVP_PKEY_RSA) {
       throw std::runtime_error(std::string(failure) + ": not an RSA key");
     }
+    return key;
+  }
+
+  /// libjwt reads the key again and would ask for its pass phrase, so it gets a text that needs none.
+  static std::string write_plain(EVP_PKEY* key) {
+    const bio_owner bio(BIO_new(BIO_s_mem()), BIO_free);
+    if (!bio || PEM_write_bio_PrivateKey(bio.get(), key, nullptr, nullptr, 0, nullptr, nullptr) == 0) {
+      throw std::runtime_error("failed to write private key");
+    }
+    char* text = nullptr;
+    const long length = BIO_get_mem_data(bio.get(), &text);
+    return std::string(text, static_cast<std::size_t>(length));
   }
 
   std::string signing_key;

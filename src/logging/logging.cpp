@@ -89,8 +89,9 @@ int closeLocked(LogState& log) {
   int result = 0;
   if (log.stream != nullptr) {
     static_cast<void>(std::fprintf(log.stream, "LOG END %s", dateText(log).c_str()));
-    static_cast<void>(std::fflush(log.stream));
-    if (log.stream != stdout) {
+    if (log.stream == stdout) {
+      static_cast<void>(std::fflush(stdout));
+    } else {
       result = std::fclose(log.stream);
       if (result != 0) {
         std::perror(" Couldn't close log file \n");
