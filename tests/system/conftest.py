@@ -1,18 +1,25 @@
 """Fixtures of all system tests. SSO_SERVICE names the executable that they drive."""
 
 import os
+import signal
 
 import pytest
 
 from support.device import Device
+from support.log import LEVELS
 from support.world import World
+
+
+def pytest_configure():
+    """A stop signal ends the run as the keyboard would: the fixtures still end every process."""
+    signal.signal(signal.SIGTERM, signal.default_int_handler)
 
 
 @pytest.fixture(scope="session")
 def executable():
     path = os.environ.get("SSO_SERVICE")
     if not path:
-        pytest.fail("SSO_SERVICE is not set: it has to name the sso-discovery-service executable to test", pytrace=False)
+        pytest.fail("SSO_SERVICE is not set: it has to name the sso-discovery-service executable", pytrace=False)
     if not os.access(path, os.X_OK):
         pytest.fail(f"SSO_SERVICE names {path}, which cannot be executed", pytrace=False)
     return os.path.abspath(path)
@@ -47,3 +54,15 @@ def module_world(executable, device, tmp_path_factory):
 @pytest.fixture
 def cloud(world):
     return world.new_cloud()
+
+
+@pytest.fixture(scope="module")
+def service(module_world):
+    """A ready service that shows everything, for the tests of one module that leave it ready."""
+    return module_world.start_ready(module_world.new_cloud())
+
+
+@pytest.fixture(scope="module", params=LEVELS)
+def service_at_level(request, module_world):
+    """The same, at each level in turn."""
+    return module_world.start_ready(module_world.new_cloud(), request.param)

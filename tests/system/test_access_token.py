@@ -6,14 +6,13 @@ import time
 import pytest
 
 from support.curl_text import COULD_NOT_CONNECT, GOT_NOTHING, PARTIAL_FILE, RECEIVE_ERROR, curl_text
+from support.exchanges import TOKEN_REFUSED, token_request
 from support.fake_cloud import TOKEN_PATH, WELL_KNOWN_PATH
 from support.http_server import Raw, Reply, redirect
 from support.log import LEVELS, error
-from support.texts import (ACCESS_TOKEN, API, CLIENT, GENERIC_FAILURE, NO_EXPIRY, NOT_VALID, TOKEN_FOUND, asking_token,
+from support.texts import (ACCESS_TOKEN, API, CLIENT, NO_EXPIRY, NOT_VALID, TOKEN_FOUND, asking_token,
                            expires, request_received, token_answer, token_failed, token_sent)
 from support.waiting import wait_until
-
-REFUSED = b'{"status":"error","message":"%s"}' % GENERIC_FAILURE.encode()
 
 
 @pytest.fixture(scope="module", params=LEVELS)
@@ -28,10 +27,6 @@ def shared(request, module_world):
 @pytest.fixture
 def ready(world, cloud):
     return world.start_ready(cloud)
-
-
-def request_text(scope):
-    return f'{{"request":"token","scope":"{scope}"}}'
 
 
 # --- the request
@@ -57,7 +52,7 @@ def test_request_is_exactly_this(ready, cloud):
         "long"])
 def test_scope_goes_into_the_form_as_it_is(ready, cloud, scope, sent):
     since = ready.log.mark()
-    assert ready.api.exchange(request_text(scope)) == b'{"status":"ok","token":"access\\/1"}'
+    assert ready.api.exchange(token_request(scope)) == b'{"status":"ok","token":"access\\/1"}'
     request, = cloud.requests(TOKEN_PATH)
     prefix = b"grant_type=client_credentials&scope=" + sent.encode() + b"&client_assertion_type="
     assert request.body.startswith(prefix)
@@ -69,8 +64,8 @@ def test_success_is_logged_in_order(shared):
     body = '{"access_token":"a/b","expires_in":3600}'
     cloud.script(TOKEN_PATH, Reply(200, body))
     since = service.log.mark()
-    reply = service.api.exchange(request_text("another"))
-    service.expect_log([*request_received(request_text("another")), *asking_token("another"), *token_answer(200, body),
+    reply = service.api.exchange(token_request("another"))
+    service.expect_log([*request_received(token_request("another")), *asking_token("another"), *token_answer(200, body),
                         TOKEN_FOUND, expires(3600), token_sent(reply.decode())], since)
 
 
@@ -79,11 +74,11 @@ def test_success_is_logged_in_order(shared):
 def test_second_request_comes_from_the_cache_without_a_log_line(shared):
     service, cloud = shared
     cloud.unscript()
-    first = service.api.exchange(request_text("cached"))
+    first = service.api.exchange(token_request("cached"))
     since, count = service.log.mark(), len(cloud.requests())
-    assert service.api.exchange(request_text("cached")) == first
+    assert service.api.exchange(token_request("cached")) == first
     assert len(cloud.requests()) == count
-    service.expect_log([*request_received(request_text("cached")), token_sent(first.decode())], since)
+    service.expect_log([*request_received(token_request("cached")), token_sent(first.decode())], since)
 
 
 def test_each_scope_has_its_own_token(ready, cloud):
@@ -131,7 +126,7 @@ def test_renewal_of_one_scope_leaves_the_others(ready, cloud):
 def test_failure_for_one_scope_leaves_the_others(ready, cloud):
     assert ready.api.token_text("good") == "access/1"
     cloud.script(TOKEN_PATH, Reply(401, "no"))
-    assert ready.api.exchange(request_text("bad")) == REFUSED
+    assert ready.api.exchange(token_request("bad")) == TOKEN_REFUSED
     assert ready.api.token_text("good") == "access/1"
     cloud.unscript()
     assert ready.api.token_text("bad") == "access/2"
@@ -202,9 +197,9 @@ def test_answer_without_a_usable_token_is_refused(shared, status, body, lines):
     sent = "" if status in (204, 304) else body
     cloud.script(TOKEN_PATH, Reply(status, sent))
     since, count = service.log.mark(), len(cloud.requests(TOKEN_PATH))
-    assert service.api.exchange(request_text("bad")) == REFUSED
-    service.expect_log([*request_received(request_text("bad")), *asking_token("bad"), *token_answer(status, sent), *lines,
-                        token_failed()], since)
+    assert service.api.exchange(token_request("bad")) == TOKEN_REFUSED
+    service.expect_log([*request_received(token_request("bad")), *asking_token("bad"), *token_answer(status, sent),
+                        *lines, token_failed()], since)
     assert len(cloud.requests(TOKEN_PATH)) == count + 1
 
 
@@ -213,7 +208,7 @@ def test_redirect_of_the_token_request_is_not_followed(shared, status):
     service, cloud = shared
     cloud.script(TOKEN_PATH, redirect(cloud.url + "/elsewhere", status))
     since = service.log.mark()
-    assert service.api.exchange(request_text("bad")) == REFUSED
+    assert service.api.exchange(token_request("bad")) == TOKEN_REFUSED
     service.expect_log([*asking_token("bad"), *token_answer(status, "")], since, without=API)
     assert not cloud.requests("/elsewhere")
 
@@ -230,8 +225,8 @@ def test_transfer_failure_is_refused(shared, reply, code):
     service, cloud = shared
     cloud.script(TOKEN_PATH, reply)
     since = service.log.mark()
-    assert service.api.exchange(request_text("bad")) == REFUSED
-    service.expect_log([*request_received(request_text("bad")), *asking_token("bad"),
+    assert service.api.exchange(token_request("bad")) == TOKEN_REFUSED
+    service.expect_log([*request_received(token_request("bad")), *asking_token("bad"),
                         error(CLIENT, f"curl_easy_perform() failed: {curl_text(code)}"), token_failed()], since)
 
 
@@ -239,7 +234,7 @@ def test_transfer_failure_is_refused(shared, reply, code):
 def test_unreachable_token_endpoint_is_refused(world, cloud, endpoint):
     cloud.script(WELL_KNOWN_PATH, Reply(200, {"token_endpoint": endpoint.format(world.new_port())}))
     service = world.start_ready(cloud)
-    assert service.api.exchange(request_text("device")) == REFUSED
+    assert service.api.exchange(token_request("device")) == TOKEN_REFUSED
     failed = f"curl_easy_perform() failed: {curl_text(COULD_NOT_CONNECT)}"
     assert service.log.pairs(without=API)[-1] == (CLIENT, failed)
 
@@ -247,7 +242,7 @@ def test_unreachable_token_endpoint_is_refused(world, cloud, endpoint):
 def test_every_attempt_has_a_new_assertion(ready, cloud):
     cloud.script(TOKEN_PATH, Reply(500))
     for _ in range(5):
-        assert ready.api.exchange(request_text("device")) == REFUSED
+        assert ready.api.exchange(token_request("device")) == TOKEN_REFUSED
     assert len(set(cloud.assertions())) == 5
 
 
@@ -272,5 +267,5 @@ def test_no_descriptor_stays_open_after_failed_requests(ready, cloud):
     for reply in (Reply(500), Raw(b""), Raw(b"HTTP/1.1 200 OK\r\n", "reset"), Reply(200, b"hello"), redirect("/x")):
         cloud.script(TOKEN_PATH, reply)
         for _ in range(4):
-            assert ready.api.exchange(request_text("bad")) == REFUSED
+            assert ready.api.exchange(token_request("bad")) == TOKEN_REFUSED
     wait_until(lambda: len(ready.open_descriptors()) == before, lambda: str(ready.open_descriptors()))

@@ -2,27 +2,13 @@
 
 import pytest
 
-from support.log import LEVELS, debug, error
+from support.exchanges import ID_REPLY, ID_REQUEST, ID_SENT, RESET_CONFIRMED
+from support.log import LEVELS, error
 from support.texts import API, request_received, token_sent
 
 NOT_AN_OBJECT = "Input is not a valid object"
 NOT_SPECIFIED = "request not specified"
 NO_SCOPE = "unspecified token scope"
-
-
-@pytest.fixture(scope="module", params=LEVELS)
-def at_level(request, module_world):
-    """A ready service at each level."""
-    return module_world.start_ready(module_world.new_cloud(), request.param)
-
-
-@pytest.fixture(scope="module")
-def service(module_world):
-    cloud = module_world.new_cloud()
-    cloud.payload = lambda: {"config": {"endpoints": {"veloIdConfiguration": cloud.well_known_url}}, "n": [1, 2.5]}
-    result = module_world.start_ready(cloud)
-    result.cloud = cloud
-    return result
 
 
 def refusal(message):
@@ -31,33 +17,32 @@ def refusal(message):
 
 # --- the four requests
 
-def test_certificate_id(at_level):
-    since = at_level.log.mark()
-    reply = '{"status":"ok","certificate_id":"device-0001"}'
-    assert at_level.api.exchange('{"request":"certificate_id"}').decode() == reply
-    at_level.expect_log([*request_received('{"request":"certificate_id"}'),
-                         debug(API, f"SSO API Sending json certificate id reply {reply}")], since)
+def expect_exchange(service, request, reply, *lines):
+    since = service.log.mark()
+    assert service.api.exchange(request) == reply
+    service.expect_log([*request_received(request.decode()), *lines], since)
 
 
-def test_token(at_level):
-    at_level.api.token_text("device")
-    since = at_level.log.mark()
-    reply = '{"status":"ok","token":"access\\/1"}'
-    assert at_level.api.exchange('{"request":"token","scope":"device"}').decode() == reply
-    at_level.expect_log([*request_received('{"request":"token","scope":"device"}'), token_sent(reply)], since)
+def test_certificate_id(service_at_level):
+    expect_exchange(service_at_level, ID_REQUEST, ID_REPLY, ID_SENT)
 
 
-def test_data(at_level):
-    since = at_level.log.mark()
-    reply = at_level.api.exchange('{"request":"data"}').decode()
-    assert reply.startswith('{"status":"ok","discovery_data":{"config":{"endpoints":{"veloIdConfiguration":"http://')
-    at_level.expect_log(request_received('{"request":"data"}'), since)
+def test_token(service_at_level):
+    service_at_level.api.token_text("device")
+    reply = b'{"status":"ok","token":"access\\/1"}'
+    expect_exchange(service_at_level, b'{"request":"token","scope":"device"}', reply, token_sent(reply.decode()))
 
 
-def test_data_is_the_discovery_data_as_a_nested_object(service):
-    assert service.api.exchange('{"request":"data"}').decode() == (
-        '{"status":"ok","discovery_data":{"config":{"endpoints":{"veloIdConfiguration":"%s"}},"n":[1,2.5]}}'
-        % service.cloud.well_known_url)
+def test_data_is_answered_without_a_line_of_its_own(service_at_level):
+    since = service_at_level.log.mark()
+    assert service_at_level.api.request("data")["status"] == "ok"
+    service_at_level.expect_log(request_received('{"request": "data"}'), since)
+
+
+def test_data_is_the_discovery_data_as_a_nested_object(world, cloud):
+    assert world.start_ready(cloud).api.exchange('{"request":"data"}').decode() == (
+        '{"status":"ok","discovery_data":{"config":{"endpoints":{"veloIdConfiguration":"%s"},"region":"eu"}}}'
+        % cloud.well_known_url)
 
 
 @pytest.mark.parametrize("level", LEVELS)
@@ -65,8 +50,7 @@ def test_reset(world, cloud, level):
     service = world.start_ready(cloud, level)
     since = service.log.mark()
     assert service.api.exchange('{"request":"reset"}') == b'{"status":"ok"}'
-    service.expect_log([*request_received('{"request":"reset"}'),
-                        debug(API, 'SSO API Sending reset confirmation {"status":"ok"}')], since, only=API)
+    service.expect_log([*request_received('{"request":"reset"}'), RESET_CONFIRMED], since, only=API)
 
 
 # --- requests that are refused
@@ -112,7 +96,8 @@ BAD_DOCUMENTS = [
     ('{"request":"reset"', NOT_AN_OBJECT), ('{"request":"reset', NOT_AN_OBJECT), ('{"request"}', NOT_AN_OBJECT),
     ('{"request" "reset"}', NOT_AN_OBJECT), ('{"a" 1}', NOT_AN_OBJECT), ("{a:1}", NOT_AN_OBJECT),
     ("{5:1}", NOT_AN_OBJECT), ('{"request":}', NOT_AN_OBJECT), ('{"request":,"a":1}', NOT_AN_OBJECT),
-    ('{"request":reset}', NOT_AN_OBJECT), ("{'request':'reset'}", NOT_AN_OBJECT), ('{,"request":"reset"}', NOT_AN_OBJECT),
+    ('{"request":reset}', NOT_AN_OBJECT), ("{'request':'reset'}", NOT_AN_OBJECT),
+    ('{,"request":"reset"}', NOT_AN_OBJECT),
     ('{"request":"reset",,}', NOT_AN_OBJECT), ('{"request":"reset", }', NOT_AN_OBJECT),
     ('{"request":"reset";}', NOT_AN_OBJECT), ('{"request":"reset"]', NOT_AN_OBJECT), ("[1}", NOT_AN_OBJECT),
     ('{"request":"a\\/b"}', NOT_AN_OBJECT), ('{"request":"\\x"}', NOT_AN_OBJECT),
@@ -137,10 +122,9 @@ def test_request_that_is_no_document_gets_the_readers_text(service, request_text
     service.expect_log([*request_received(request_text), error(API, f"Invalid request format: {message}")], since)
 
 
-def test_bad_request_is_an_error_at_every_level(at_level):
-    since = at_level.log.mark()
-    assert at_level.api.exchange("hello").decode() == refusal(NOT_AN_OBJECT)
-    at_level.expect_log([*request_received("hello"), error(API, f"Invalid request format: {NOT_AN_OBJECT}")], since)
+def test_bad_request_is_an_error_at_every_level(service_at_level):
+    expect_exchange(service_at_level, b"hello", refusal(NOT_AN_OBJECT).encode(),
+                    error(API, f"Invalid request format: {NOT_AN_OBJECT}"))
 
 
 # --- unusual documents that are served

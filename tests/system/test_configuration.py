@@ -44,8 +44,9 @@ FILE_PATHS = missing("sso.certificate_provider.key_path or sso.certificate_provi
 TEMPLATE_KEYS = error(MANAGER, "Configuration file: sso.certificate_provider.prod_key_path, "
                       "sso.certificate_provider.prod_certificate_path, sso.certificate_provider.key_template, "
                       "sso.certificate_provider.certificate_template required for file-template")
-ONE_PLACE = error(MANAGER, "Configuration file: exactly 1 occurence of %s in each sso.certificate_provider.key_template "
-                  "and sso.certificate_provider.certificate_template required for file-template")
+ONE_PLACE = error(MANAGER, "Configuration file: exactly 1 occurence of %s in each "
+                  "sso.certificate_provider.key_template and sso.certificate_provider.certificate_template "
+                  "required for file-template")
 ORVEX_PORT = error(MANAGER, "Configuration file: sso.certificate_provider.port required for Orvex")
 ONE_API = [CONFIGURING_APIS, info(MANAGER, "Number of SSO API Providers: 1")]
 

@@ -232,6 +232,16 @@ def test_connection_that_is_reset_while_asking_fails_in_one_of_its_ways(world, c
     listener.close()
 
 
+def test_requests_are_refused_without_waiting_while_the_key_service_stalls(world, cloud, key_service):
+    key_service.script(CERTIFICATE, Answer(ending="hold"))
+    service = starting_with(world, cloud, key_service)
+    service.log.wait_for(ORVEX, "Orvex Key Certificate request sent 11 bytes")
+    service.wait_listening()
+    assert service.api.request("certificate_id") == {
+        "status": "error", "message": "Cloud discovery failed. System is not initialized"}
+    assert service.api.token() == {"status": "error", "message": "Cloud discovery failed. "}
+
+
 def test_no_descriptor_left_for_the_socket(world, cloud, key_service):
     """The first attempt fails; the second, which the stop signal runs, finds every descriptor in use."""
     key_service.script(CERTIFICATE, framed(b"Error"))

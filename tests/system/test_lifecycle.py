@@ -10,6 +10,7 @@ import pytest
 
 from support.api_client import ApiClient
 from support.configuration import REMOVED, changed, orvex_provider
+from support.exchanges import token_request
 from support.fake_cloud import TOKEN_PATH, WELL_KNOWN_PATH
 from support.fake_key_service import CERTIFICATE, Answer
 from support.framing import frame
@@ -141,7 +142,7 @@ def test_stop_with_a_token_request_in_flight_ends_at_once_with_status_0(world, c
     service = world.start_ready(cloud)
     gate = cloud.hold(path)
     with service.api.connect() as connection:
-        connection.send(frame(b'{"request":"token","scope":"device"}'))
+        connection.send(frame(token_request().encode()))
         gate.wait_arrived()
         began = time.monotonic()
         service.stop(number)

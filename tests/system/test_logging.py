@@ -13,7 +13,8 @@ from support.log import LEVELS, Log
 from support.texts import API, CLIENT, DISCOVERY, MANAGER, STOPPED, configured, initialised
 from support.waiting import wait_until
 
-ASCTIME = r"(Mon|Tue|Wed|Thu|Fri|Sat|Sun) (Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) [ \d]\d \d\d:\d\d:\d\d \d{4}"
+MONTHS = "Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec"
+ASCTIME = rf"(Mon|Tue|Wed|Thu|Fri|Sat|Sun) ({MONTHS}) [ \d]\d \d\d:\d\d:\d\d \d{{4}}"
 FILE_NAME = r"-\d{4}-\d\d-\d\d-\d\d-\d\d-\d\d\.log"
 
 
@@ -63,6 +64,19 @@ def test_file_name_start_line_and_stamps_are_in_local_time(world, cloud):
     day = time.strftime("%Y-%m-%d ", time.gmtime(time.time() + offset))
     rest = off(day + service.log.entries()[0].stamp[:8], "%Y-%m-%d %H:%M:%S")
     assert abs((rest + 43200) % 86400 - 43200) < 60
+
+
+def test_second_start_within_a_second_begins_the_same_file_anew(world):
+    """Both end at once for want of a cloud section, so that neither writes into the other's file."""
+    for number in range(10):
+        prefix = world.new_folder(f"logs-{number}") / "sso"
+        for _ in range(2):
+            world.start({"sso": {"log_level": "info", "log_path": str(prefix)}}).expect_exit(1)
+        files = list(prefix.parent.iterdir())
+        if len(files) == 1:  # otherwise the second was over in between
+            assert files[0].read_bytes().count(b"LOG START ") == 1
+            return
+    raise AssertionError("ten times two starts never met the same second")
 
 
 def test_every_line_has_a_stamp_and_a_position(world, cloud):

@@ -5,16 +5,17 @@ import time
 import pytest
 
 from support.api_client import ApiClient
+from support.exchanges import RESET_CONFIRMED, TOKEN_REFUSED, token_request
 from support.fake_cloud import TOKEN_PATH, WELL_KNOWN_PATH
 from support.framing import frame
 from support.http_server import Reply
-from support.log import debug, error, info
-from support.texts import (API, CONFIGURING, GENERIC_FAILURE, MANAGER, READY, STOPPED, cloud_failed, configured,
+from support.log import LEVELS, error, info, seconds_between
+from support.texts import (API, CONFIGURING, MANAGER, READY, STOPPED, cloud_failed, configured,
                            discovery_status, first_request, good_reply, initialised, request_received, retried,
                            retrying, token_failed, without_cache)
 
 NOT_READY = {
-    '{"request":"token","scope":"device"}': ("Cloud discovery failed. ", "SSO API Getting access token failed {}"),
+    token_request(): ("Cloud discovery failed. ", "SSO API Getting access token failed {}"),
     '{"request":"data"}': ("Cloud discovery failed. ", "SSO API Getting discovery data failed"),
     '{"request":"certificate_id"}': ("Cloud discovery failed. System is not initialized",
                                      "SSO API Getting certificate id failed"),
@@ -37,6 +38,7 @@ def expect_refused(service, request, reason):
 
 @pytest.fixture
 def failing(world, cloud):
+    """A service whose first discovery has failed."""
     cloud.script(cloud.discovery_path, Reply(404))
     service = world.start(world.document(cloud.discovery_url))
     service.wait_failed()
@@ -44,10 +46,11 @@ def failing(world, cloud):
     return service
 
 
+@pytest.mark.parametrize("level", LEVELS)
 @pytest.mark.parametrize("request_text", NOT_READY)
-def test_request_during_the_first_discovery_is_refused_without_waiting(world, cloud, request_text):
+def test_request_during_the_first_discovery_is_refused_without_waiting(world, cloud, request_text, level):
     gate = cloud.hold(cloud.discovery_path)
-    service = world.start(world.document(cloud.discovery_url))
+    service = world.start(world.document(cloud.discovery_url, level=level))
     gate.wait_arrived()
     service.wait_listening()
     service.api.exchange("{}")
@@ -67,8 +70,7 @@ def test_reset_after_a_failed_discovery_is_confirmed_and_changes_nothing(failing
     failing.api.exchange("{}")
     since = failing.log.mark()
     assert failing.api.exchange('{"request":"reset"}') == b'{"status":"ok"}'
-    failing.expect_log([*request_received('{"request":"reset"}'),
-                        debug(API, 'SSO API Sending reset confirmation {"status":"ok"}')], since)
+    failing.expect_log([*request_received('{"request":"reset"}'), RESET_CONFIRMED], since)
     assert len(cloud.requests()) == 1
 
 
@@ -95,11 +97,12 @@ def test_reset_of_a_ready_service_repeats_the_whole_discovery(world, cloud):
     assert [service.api.token_text(), service.api.token_text()] == ["access/1", "access/1"]
     since = service.log.mark()
     assert service.api.exchange('{"request":"reset"}') == b'{"status":"ok"}'
-    service.expect_log([*request_received('{"request":"reset"}'),
-                        debug(API, 'SSO API Sending reset confirmation {"status":"ok"}')], since, only=API)
+    service.expect_log([*request_received('{"request":"reset"}'), RESET_CONFIRMED], since, only=API)
     service.wait_ready(since)
     service.expect_log([info(MANAGER, "Reseting SSO Manager"), *retried(cloud), *good_reply(cloud), READY], since,
                        without=API)
+    resetting = service.log.wait_for(MANAGER, "Reseting SSO Manager", since)
+    assert seconds_between(resetting, service.log.wait_for(MANAGER, CONFIGURING.text, since)) < 2
     assert service.api.token_text() == "access/2", "the cached tokens went with the reset"
     for path, count in [(cloud.discovery_path, 2), (WELL_KNOWN_PATH, 2), (TOKEN_PATH, 2)]:
         assert len(cloud.requests(path)) == count
@@ -146,8 +149,7 @@ def test_token_failure_while_ready_gives_the_generic_text_and_the_state_stays(wo
     service = world.start_ready(cloud)
     cloud.script(TOKEN_PATH, Reply(500), None)
     since = service.log.mark()
-    assert service.api.exchange('{"request":"token","scope":"device"}') == (
-        b'{"status":"error","message":"%s"}' % GENERIC_FAILURE.encode())
+    assert service.api.exchange(token_request()) == TOKEN_REFUSED
     assert service.log.pairs(since, only=API)[-1] == (API, token_failed().text)
     assert service.api.request("certificate_id") == {"status": "ok", "certificate_id": "device-0001"}
     assert service.api.token_text() == "access/1"
@@ -166,7 +168,7 @@ def test_token_request_holds_back_requests_of_another_endpoint(world, cloud):
     gate = cloud.hold(TOKEN_PATH)
     first, second = (ApiClient(port).connect() for port in ports)
     with first, second:
-        first.send(frame(b'{"request":"token","scope":"device"}'))
+        first.send(frame(token_request().encode()))
         gate.wait_arrived()
         second.send(frame(b'{"request":"certificate_id"}'))
         assert second.has_nothing_for(0.3)

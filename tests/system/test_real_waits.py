@@ -2,25 +2,23 @@
 
 import socket
 from collections import namedtuple
-from datetime import datetime
 
 import pytest
 
 from support.configuration import orvex_provider
 from support.curl_text import TIMED_OUT, curl_text
+from support.exchanges import TOKEN_REFUSED, token_request
 from support.fake_cloud import TOKEN_PATH, WELL_KNOWN_PATH
 from support.framing import frame
 from support.http_server import Raw, Reply
-from support.log import error
+from support.log import error, seconds_between
 from support.ports import LOOPBACK
-from support.texts import (API, API_LISTENING, CLIENT, CONFIGURING, DISCOVERY, GENERIC_FAILURE, MANAGER, ORVEX, READY,
+from support.texts import (API, API_LISTENING, CLIENT, CONFIGURING, DISCOVERY, MANAGER, ORVEX, READY,
                            good_reply, retried, token_failed, without_cache)
 
 pytestmark = pytest.mark.slow
 
 PATIENCE = 45
-TOKEN_REQUEST = frame(b'{"request":"token","scope":"device"}')
-REFUSED = b'{"status":"error","message":"%s"}' % GENERIC_FAILURE.encode()
 TIMEOUT_LOGGED = f"curl_easy_perform() failed: {curl_text(TIMED_OUT)}"
 
 Waiting = namedtuple("Waiting", "service cloud detail")
@@ -68,7 +66,7 @@ def token(path):
         cloud.script(path, Raw(ending="hold"))
         since = service.log.mark()
         connection = service.api.connect()
-        connection.send(TOKEN_REQUEST)
+        connection.send(frame(token_request().encode()))
         return Waiting(service, cloud, (connection, since))
     return start
 
@@ -96,12 +94,6 @@ STARTS = {
 }
 
 
-def seconds_between(earlier, later):
-    """Between two log lines, midnight or not."""
-    first, second = (datetime.strptime(entry.stamp, "%H:%M:%S.%f") for entry in (earlier, later))
-    return (second - first).total_seconds() % 86400
-
-
 def test_key_service_that_does_not_take_the_connection_is_given_up_after_10_seconds(waits):
     service = waits["key service full"].service
     assert service.wait_failed() == "Orvex Key Certificate socket couldn't be open"
@@ -126,7 +118,7 @@ def test_token_request_is_refused_after_30_seconds(waits, name):
     failed = service.log.wait_for(CLIENT, TIMEOUT_LOGGED, since, seconds=PATIENCE)
     assert 29.5 < seconds_between(service.log.entries(since)[0], failed) < 33
     with connection:
-        assert connection.receive_frame() == REFUSED
+        assert connection.receive_frame() == TOKEN_REFUSED
     assert service.log.pairs(since)[-1] == (API, token_failed().text)
     cloud.unscript()
     assert service.api.token_text()

@@ -154,8 +154,8 @@ def test_client_notices_bytes_behind_the_reply():
 
 def test_log_lines_are_taken_apart(tmp_path):
     path = tmp_path / "log"
-    path.write_bytes(b"LOG START Sun Nov 15 09:12:03 2026\n09:12:03.045 [a/Source:7] one\n09:12:03.046 [B:8] two\nmore\n"
-                     b"09:12:03.047 [B:9] unfini")
+    path.write_bytes(b"LOG START Sun Nov 15 09:12:03 2026\n09:12:03.045 [a/Source:7] one\n"
+                     b"09:12:03.046 [B:8] two\nmore\n09:12:03.047 [B:9] unfini")
     log = Log(path)
     assert log.pairs() == [("a/Source", "one"), ("B", "two\nmore")]
     with open(path, "ab") as file:
@@ -175,7 +175,8 @@ def test_expected_lines_are_shown_by_level():
 def test_changed_configuration_leaves_the_original(device):
     document = configuration("http://x/", file_provider(device), [1])
     assert "url" not in changed(document, "sso.cloud_config.url", REMOVED)["sso"]["cloud_config"]
-    assert changed(document, "sso.api_providers.0.port", "x")["sso"]["api_providers"] == [{"type": "socket", "port": "x"}]
+    other = changed(document, "sso.api_providers.0.port", "x")
+    assert other["sso"]["api_providers"] == [{"type": "socket", "port": "x"}]
     assert document == configuration("http://x/", file_provider(device), [1])
 
 

@@ -4,14 +4,13 @@ import pytest
 
 from support.curl_text import (COULD_NOT_CONNECT, GOT_NOTHING, PARTIAL_FILE, RECEIVE_ERROR, TOO_MANY_REDIRECTS,
                                UNSUPPORTED_PROTOCOL, curl_text)
+from support.exchanges import TOKEN_REFUSED, token_request
 from support.fake_cloud import TOKEN_PATH, WELL_KNOWN_PATH
 from support.http_server import Raw, Reply, redirect
 from support.log import LEVELS, error
-from support.texts import (API, CLIENT, GENERIC_FAILURE, NOT_VALID, endpoint_found, looked_up, looking_up,
+from support.texts import (API, CLIENT, NOT_VALID, endpoint_found, looked_up, looking_up,
                            request_received, token_failed)
 
-REQUEST = '{"request":"token","scope":"device"}'
-REFUSED = b'{"status":"error","message":"%s"}' % GENERIC_FAILURE.encode()
 
 
 @pytest.fixture(scope="module", params=LEVELS)
@@ -24,8 +23,8 @@ def shared(request, module_world):
 def expect_token_failure(service, lines):
     """One token request that logs these lines between its arrival and its refusal."""
     since = service.log.mark()
-    assert service.api.exchange(REQUEST) == REFUSED
-    service.expect_log([*request_received(REQUEST), *lines, token_failed()], since)
+    assert service.api.exchange(token_request()) == TOKEN_REFUSED
+    service.expect_log([*request_received(token_request()), *lines, token_failed()], since)
 
 
 def test_lookup_is_a_plain_get_of_the_url_as_configured(world, cloud):
@@ -117,6 +116,13 @@ def test_transfer_failure_fails_the_request(shared, reply, code):
     cloud.script(WELL_KNOWN_PATH, reply)
     expect_token_failure(service, [*looking_up(cloud.well_known_url),
                                    error(CLIENT, f"curl_easy_perform() failed: {curl_text(code)}")])
+
+
+def test_the_fifty_first_redirect_of_the_lookup_is_too_many(world, cloud):
+    service = world.start_ready(cloud)
+    cloud.script(WELL_KNOWN_PATH, redirect(WELL_KNOWN_PATH))
+    assert service.api.exchange(token_request()) == TOKEN_REFUSED
+    assert len(cloud.requests(WELL_KNOWN_PATH)) == 51
 
 
 @pytest.mark.parametrize("level", LEVELS)

@@ -2,6 +2,7 @@
 
 import re
 from collections import namedtuple
+from datetime import datetime
 
 from .waiting import DEADLINE_SECONDS, wait_until
 
@@ -89,6 +90,12 @@ class Log:
             self._entries[-1] = last._replace(text=last.text + "\n" + line)
         else:
             self.preamble.append(line)
+
+
+def seconds_between(earlier, later):
+    """Between two entries, midnight or not."""
+    first, second = (datetime.strptime(entry.stamp, "%H:%M:%S.%f") for entry in (earlier, later))
+    return (second - first).total_seconds() % 86400
 
 
 def _matches(text, entry):

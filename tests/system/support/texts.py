@@ -136,9 +136,13 @@ def retrying(reason):
 ACCEPTED = info(API, "SSO API server accepted the client")
 
 
+def size_known(count):
+    return debug(API, f"SSO API request message size: {count}")
+
+
 def request_received(text, size=None):
     """The API's lines about a request that arrived whole."""
-    return [ACCEPTED, debug(API, f"SSO API request message size: {len(text.encode()) if size is None else size}"),
+    return [ACCEPTED, size_known(len(text.encode()) if size is None else size),
             info(API, f"SSO API received request {text}"), *request_processed(text)]
 
 

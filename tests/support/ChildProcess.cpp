@@ -1,0 +1,31 @@
+#include "support/ChildProcess.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <stdexcept>
+
+namespace test {
+
+int runInChild(const std::function<void()>& action) {
+  static_cast<void>(std::fflush(nullptr));
+  const pid_t child = ::fork();
+  if (child < 0) {
+    throw std::runtime_error("cannot fork");
+  }
+  if (child == 0) {
+    ::alarm(60);
+    action();
+    std::exit(testing::Test::HasFailure() ? EXIT_FAILURE : EXIT_SUCCESS);
+  }
+  int status = -1;
+  if (::waitpid(child, &status, 0) != child) {
+    throw std::runtime_error("cannot wait for a child");
+  }
+  return status;
+}
+
+}  // namespace test
