@@ -146,13 +146,15 @@ class ManagerConfigurationTest : public ::testing::Test {
     return lines;
   }
 
-  /// All of the row's lines at level info, and only those that tell errors at level warning.
+  /// All of the row's lines at level info, and below it only those that tell errors.
   void expect(const Row& row, const std::string& environment = "") const {
     SCOPED_TRACE(row.text);
     const Lines lines = Lines{"Reading configuration from {path}"} + row.lines;
     EXPECT_EQ(linesOf(row.text, environment, LOG_LEVEL_INFO), shown(lines));
     if (!startsApiThreads(row)) {  // their start could not be awaited without the lines of level info
-      EXPECT_EQ(linesOf(row.text, environment, LOG_LEVEL_WARNING), shown(errorsAmong(lines)));
+      for (const int level : {LOG_LEVEL_WARNING, LOG_LEVEL_ERROR}) {
+        EXPECT_EQ(linesOf(row.text, environment, level), shown(errorsAmong(lines)));
+      }
     }
   }
 

@@ -72,10 +72,13 @@ TEST(JsonCodec, TypeOfTextJudgesTheFirstCharacterBehindWhiteSpace) {
     const char* text;
     jtype type;
   };
-  for (const Row row : {Row{"nope", jtype::jnull}, Row{" \t\n\v\f\r\"", jtype::jstring}, Row{"-", jtype::jnumber},
-                        Row{" {", jtype::jobject}, Row{"\n[", jtype::jarray}, Row{"t", jtype::jbool},
-                        Row{" f", jtype::jbool}, Row{"", jtype::not_valid}, Row{"  ", jtype::not_valid},
-                        Row{"}", jtype::not_valid}, Row{"+1", jtype::not_valid}, Row{"\xa0" "1", jtype::not_valid}}) {
+  for (const Row row :
+       {Row{"nope", jtype::jnull}, Row{" \t\n\v\f\r\"", jtype::jstring}, Row{"-", jtype::jnumber},
+        Row{" {", jtype::jobject}, Row{"\n[", jtype::jarray}, Row{"t", jtype::jbool}, Row{" f", jtype::jbool},
+        Row{"", jtype::not_valid}, Row{"  ", jtype::not_valid}, Row{"}", jtype::not_valid}, Row{"+1", jtype::not_valid},
+        Row{"\xa0"
+            "1",
+            jtype::not_valid}}) {
     EXPECT_EQ(json::type_of_text(row.text), row.type) << row.text;
   }
 }
@@ -85,7 +88,8 @@ TEST(JsonCodec, SkipWhitespaceStopsAtTheFirstOtherCharacterOrTheEnd) {
     const char* text;
     std::ptrdiff_t skipped;
   };
-  for (const Row row : {Row{"", 0}, Row{"a ", 0}, Row{" a", 1}, Row{" \t\n\v\f\r", 6}, Row{"\xa0 ", 0}, Row{"  \x85", 2}}) {
+  for (const Row row :
+       {Row{"", 0}, Row{"a ", 0}, Row{" a", 1}, Row{" \t\n\v\f\r", 6}, Row{"\xa0 ", 0}, Row{"  \x85", 2}}) {
     EXPECT_EQ(json::skip_whitespace(row.text) - row.text, row.skipped) << PrintToString(row.text);
   }
 }
@@ -98,9 +102,9 @@ TEST(JsonParseValue, ReadsOneValueAndPointsBehindIt) {
     const char* remainder;
   };
   for (const Row row : {Row{" 42 , 1", jtype::jnumber, "42", " , 1"}, Row{"\"a\"b", jtype::jstring, "\"a\"", "b"},
-                        Row{"[ 1 , 2 ] x", jtype::jarray, "[1,2]", " x"}, Row{"{ \"a\" : 1 }", jtype::jobject, "{\"a\":1}", ""},
-                        Row{"truex", jtype::jbool, "true", "x"}, Row{"null", jtype::jnull, "null", ""},
-                        Row{"01", jtype::jnumber, "0", "1"}}) {
+                        Row{"[ 1 , 2 ] x", jtype::jarray, "[1,2]", " x"},
+                        Row{"{ \"a\" : 1 }", jtype::jobject, "{\"a\":1}", ""}, Row{"truex", jtype::jbool, "true", "x"},
+                        Row{"null", jtype::jnull, "null", ""}, Row{"01", jtype::jnumber, "0", "1"}}) {
     const json::parse_results results = json::parse_value(row.text);
     EXPECT_EQ(results.type, row.type) << row.text;
     EXPECT_EQ(results.value, row.value) << row.text;
@@ -170,20 +174,14 @@ TEST(JsonParseArray, RefusesBadAndUnfinishedArrays) {
     const char* text;
     const char* error;
   };
-  for (const Row row : {Row{"[", "Input was not properly formated"},
-                        Row{"[ ", "Input was not properly formated"},
-                        Row{"[1", "Input was not properly formated"},
-                        Row{"[1 ", "Input was not properly formated"},
-                        Row{"[1,", "Input was not properly formated"},
-                        Row{"[1, ", "Input was only whitespace"},
-                        Row{"[1,\n\t", "Input was only whitespace"},
-                        Row{"[1,]", "Input was not properly formated"},
-                        Row{"[,1]", "Input was not properly formated"},
-                        Row{"[1,,2]", "Input was not properly formated"},
-                        Row{"[1}", "Input was not properly formated"},
-                        Row{"[tru]", "Input was not properly formated"},
-                        Row{"[[1]", "Input was not properly formated"},
-                        Row{"[\"a]", "Input was not properly formated"}}) {
+  for (const Row row :
+       {Row{"[", "Input was not properly formated"}, Row{"[ ", "Input was not properly formated"},
+        Row{"[1", "Input was not properly formated"}, Row{"[1 ", "Input was not properly formated"},
+        Row{"[1,", "Input was not properly formated"}, Row{"[1, ", "Input was only whitespace"},
+        Row{"[1,\n\t", "Input was only whitespace"}, Row{"[1,]", "Input was not properly formated"},
+        Row{"[,1]", "Input was not properly formated"}, Row{"[1,,2]", "Input was not properly formated"},
+        Row{"[1}", "Input was not properly formated"}, Row{"[tru]", "Input was not properly formated"},
+        Row{"[[1]", "Input was not properly formated"}, Row{"[\"a]", "Input was not properly formated"}}) {
     EXPECT_EQ(parsingError([&] { json::parse_array(row.text); }), row.error) << row.text;
   }
 }

@@ -212,8 +212,8 @@ TEST(JsonLargeInput, LongStringsNumbersAndWhiteSpace) {
   const std::string body(LONG, 'x');
   const std::string digits(LONG, '7');
   const std::string space(LONG, ' ');
-  const std::string text = "{" + space + "\"" + body + "\"" + space + ":" + space + digits + space + ",\"s\":\"" + body +
-                           "\\n" + body + "\"" + space + "}" + body;
+  const std::string text = "{" + space + "\"" + body + "\"" + space + ":" + space + digits + space + ",\"s\":\"" +
+                           body + "\\n" + body + "\"" + space + "}" + body;
   std::vector<std::string> keys;
   std::string number;
   std::string decoded;

@@ -59,7 +59,8 @@ void expectParsedAlike(const std::string& text) {
   EXPECT_EQ(outcome([&] { return testing::PrintToString(json::parse_array(input)); }),
             outcome([&] { return testing::PrintToString(test::modelParseArray(input)); }))
       << "parse_array of " << text;
-  EXPECT_EQ(outcome([&] { return json::decode_string(input); }), outcome([&] { return test::modelDecodeString(input); }))
+  EXPECT_EQ(outcome([&] { return json::decode_string(input); }),
+            outcome([&] { return test::modelDecodeString(input); }))
       << "decode_string of " << text;
 }
 
@@ -93,7 +94,8 @@ TEST(JsonParsingAgainstModel, TextsFollowedByGarbage) {
 TEST(JsonParsingAgainstModel, TextsAsElementsAndValues) {
   for (const test::JsonSample& sample : test::jsonSamples()) {
     const std::string text = sample.text;
-    for (const char* closing : {"", " ", ",", ", ", "]", " ]", ",]", ", ]", ",1]", "}", " }", ",}", ", }", ",\"b\":2}"}) {
+    for (const char* closing :
+         {"", " ", ",", ", ", "]", " ]", ",]", ", ]", ",1]", "}", " }", ",}", ", }", ",\"b\":2}"}) {
       expectParsedAlike("[" + text + closing);
       expectParsedAlike("[ 1 , " + text + closing);
       expectParsedAlike("{\"a\":" + text + closing);
@@ -116,7 +118,8 @@ TEST(JsonParsingAgainstModel, LongRuns) {
   const std::string digits(3000, '7');
   const std::string body(3000, 'x');
   const std::string blanks(3000, ' ');
-  for (const std::string end : {"", "]", "}", "\"", "\\", "\\\"", "\\u00e9\"", "\\/", ".", ".5", "e", "e5", " ", " 5", ",", "x", "-"}) {
+  for (const std::string end :
+       {"", "]", "}", "\"", "\\", "\\\"", "\\u00e9\"", "\\/", ".", ".5", "e", "e5", " ", " 5", ",", "x", "-"}) {
     for (const std::string& text : {digits + end, "1." + digits + end, "1e" + digits + end, "0" + digits + end,
                                     "\"" + body + end, "\"" + body + "\\n" + body + end, blanks + "1" + blanks + end,
                                     "[" + blanks + digits + blanks + end, "{\"" + body + "\"" + blanks + ":" + end,

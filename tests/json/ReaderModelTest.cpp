@@ -18,7 +18,8 @@ using test::ReaderModel;
 using test::VisibleKvpReader;
 using test::VisibleReader;
 
-const std::vector<std::string> GARBAGE = {" ", ",", "]", "}", ":", "\"", "x", "0", "\\", "[", "{", "/", std::string(1, '\0')};
+const std::vector<std::string> GARBAGE = {
+    " ", ",", "]", "}", ":", "\"", "x", "0", "\\", "[", "{", "/", std::string(1, '\0')};
 
 template <typename Reader, typename Model>
 bool looksLike(const Reader& reader, const Model& model) {
@@ -102,7 +103,8 @@ TEST(JsonReaderAgainstModel, TextsFollowedByGarbage) {
   for (const test::JsonSample& sample : test::jsonSamples()) {
     for (const std::string& garbage : GARBAGE) {
       EXPECT_TRUE((answersAlike<VisibleReader, ReaderModel>(sample.text + garbage + sample.text)));
-      EXPECT_TRUE((answersAlike<VisibleKvpReader, KvpReaderModel>(std::string("\"k\":") + sample.text + garbage + "1")));
+      EXPECT_TRUE(
+          (answersAlike<VisibleKvpReader, KvpReaderModel>(std::string("\"k\":") + sample.text + garbage + "1")));
     }
   }
 }
@@ -187,7 +189,8 @@ TEST(JsonReader, RejectedCharacterLeavesReaderUnchanged) {
   }
 }
 
-/// Tries every character of an alphabet behind every text that is accepted, up to a length. Returns the number of texts.
+/// Tries every character of an alphabet behind every text that is accepted, up to a length. Returns the number of
+/// texts.
 template <typename Reader>
 std::size_t exploreAcceptedTexts(const Reader& reader, const ReaderModel& model, const std::string& text,
                                  unsigned length) {

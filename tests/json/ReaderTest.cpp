@@ -95,7 +95,8 @@ TEST(JsonReader, LeadingZeroTakesNoFurtherDigit) {
 }
 
 TEST(JsonReader, IncompleteNumbersAreReadButNotValid) {
-  expectAnswers({{"-", "A", false, "-"}, {"1.", "AA", false, "1."}, {"1e", "AA", false, "1e"}, {"1e+", "AAA", false, "1e+"}});
+  expectAnswers(
+      {{"-", "A", false, "-"}, {"1.", "AA", false, "1."}, {"1e", "AA", false, "1e"}, {"1e+", "AAA", false, "1e+"}});
 }
 
 TEST(JsonReader, RejectsPlusSignAtOnce) {
@@ -174,7 +175,8 @@ TEST(JsonReader, ReadoutOfAnOpenContainerHoldsCompletedElementsOnly) {
 
 TEST(JsonReader, NulBelongsToAStringAndToNothingElse) {
   const std::string nul(1, '\0');
-  for (const std::string begun : {"", "[", "[1", "[1,", "{", "{\"a\"", "{\"a\":", "1", "1.", "t", "null", "\"\\", "\"\\u00"}) {
+  for (const std::string begun :
+       {"", "[", "[1", "[1,", "{", "{\"a\"", "{\"a\":", "1", "1.", "t", "null", "\"\\", "\"\\u00"}) {
     reader pushed;
     answers(pushed, begun);
     EXPECT_EQ(pushed.push('\0'), reader::REJECTED) << begun;
@@ -205,9 +207,9 @@ TEST(JsonReader, TypeIsThatOfTheFirstCharacter) {
     char first;
     jtype type;
   };
-  for (const Row row : {Row{'"', jtype::jstring}, Row{'-', jtype::jnumber}, Row{'7', jtype::jnumber},
-                        Row{'{', jtype::jobject}, Row{'[', jtype::jarray}, Row{'t', jtype::jbool},
-                        Row{'f', jtype::jbool}, Row{'n', jtype::jnull}}) {
+  for (const Row row :
+       {Row{'"', jtype::jstring}, Row{'-', jtype::jnumber}, Row{'7', jtype::jnumber}, Row{'{', jtype::jobject},
+        Row{'[', jtype::jarray}, Row{'t', jtype::jbool}, Row{'f', jtype::jbool}, Row{'n', jtype::jnull}}) {
     reader pushed;
     EXPECT_EQ(pushed.push(' '), reader::ACCEPTED);
     EXPECT_EQ(pushed.type(), jtype::not_valid);
@@ -247,13 +249,14 @@ TEST(JsonReader, StatesAreThoseOfTheTables) {
     const char* text;
     int state;
   };
-  for (const Row row : {Row{"\"", 1},      Row{"\"a", 2},    Row{"\"\\", 3},      Row{"\"\\u", 4}, Row{"\"\\u0", 5},
-                        Row{"\"\\u00", 6}, Row{"\"\\u000", 7}, Row{"\"\\u0000", 2}, Row{"\"\"", 8},  Row{"-", 1},
-                        Row{"0", 2},       Row{"-0", 2},     Row{"12", 3},        Row{"1.", 4},    Row{"1.5", 5},
-                        Row{"1e", 6},      Row{"0E", 6},     Row{"1e-", 7},       Row{"1e5", 8},   Row{"[", 1},
-                        Row{"[1", 2},      Row{"[1 ", 2},    Row{"[1,", 3},       Row{"[1]", 4},   Row{"[]", 4},
-                        Row{"{", 1},       Row{"{\"", 2},    Row{"{\"a\"", 2},    Row{"{\"a\":1", 2}, Row{"{\"a\":1,", 3},
-                        Row{"{}", 4},      Row{"true", 0},   Row{"null", 0},      Row{"[[", 2},    Row{"[[]", 2}}) {
+  for (const Row row :
+       {Row{"\"", 1},      Row{"\"a", 2},      Row{"\"\\", 3},      Row{"\"\\u", 4},    Row{"\"\\u0", 5},
+        Row{"\"\\u00", 6}, Row{"\"\\u000", 7}, Row{"\"\\u0000", 2}, Row{"\"\"", 8},     Row{"-", 1},
+        Row{"0", 2},       Row{"-0", 2},       Row{"12", 3},        Row{"1.", 4},       Row{"1.5", 5},
+        Row{"1e", 6},      Row{"0E", 6},       Row{"1e-", 7},       Row{"1e5", 8},      Row{"[", 1},
+        Row{"[1", 2},      Row{"[1 ", 2},      Row{"[1,", 3},       Row{"[1]", 4},      Row{"[]", 4},
+        Row{"{", 1},       Row{"{\"", 2},      Row{"{\"a\"", 2},    Row{"{\"a\":1", 2}, Row{"{\"a\":1,", 3},
+        Row{"{}", 4},      Row{"true", 0},     Row{"null", 0},      Row{"[[", 2},       Row{"[[]", 2}}) {
     test::VisibleReader pushed;
     answers(pushed, row.text);
     EXPECT_EQ(pushed.currentState(), row.state) << row.text;
@@ -308,10 +311,10 @@ TEST(JsonKvpReader, RejectsWhatIsNoPair) {
     const char* text;
     const char* answers;
   };
-  for (const Row row : {Row{"a", "R"}, Row{"1", "R"}, Row{":", "R"}, Row{"}", "R"}, Row{"\"a\"}", "AAAR"},
-                        Row{"\"a\"1", "AAAR"}, Row{"\"a\"\"", "AAAR"}, Row{"\"a\\/", "AAAR"}, Row{"\"a\":}", "AAAAR"},
-                        Row{"\"a\":,", "AAAAR"}, Row{"\"a\"::", "AAAAR"}, Row{"\"a\":1,", "AAAAAR"},
-                        Row{"\"a\":1 ", "AAAAAR"}}) {
+  for (const Row row :
+       {Row{"a", "R"}, Row{"1", "R"}, Row{":", "R"}, Row{"}", "R"}, Row{"\"a\"}", "AAAR"}, Row{"\"a\"1", "AAAR"},
+        Row{"\"a\"\"", "AAAR"}, Row{"\"a\\/", "AAAR"}, Row{"\"a\":}", "AAAAR"}, Row{"\"a\":,", "AAAAR"},
+        Row{"\"a\"::", "AAAAR"}, Row{"\"a\":1,", "AAAAAR"}, Row{"\"a\":1 ", "AAAAAR"}}) {
     kvp_reader pair;
     EXPECT_EQ(answers(pair, row.text), row.answers) << row.text;
   }

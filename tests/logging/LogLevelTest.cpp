@@ -34,9 +34,10 @@ TEST(LogLevelNames, ExactNamesHaveNumbersAndAllOthersAreOff) {
     const char* name;
     int level;
   };
-  for (const Row row : {Row{"error", 1}, Row{"warning", 2}, Row{"info", 3}, Row{"debug", 4}, Row{"verbose", 5},
-                        Row{"ERROR", 0}, Row{"Info", 0}, Row{"warn", 0}, Row{"warnings", 0}, Row{"inf", 0}, Row{" info", 0},
-                        Row{"info ", 0}, Row{"", 0}, Row{"off", 0}, Row{"3", 0}, Row{"verbose\n", 0}}) {
+  for (const Row row :
+       {Row{"error", 1}, Row{"warning", 2}, Row{"info", 3}, Row{"debug", 4}, Row{"verbose", 5}, Row{"ERROR", 0},
+        Row{"Info", 0}, Row{"warn", 0}, Row{"warnings", 0}, Row{"inf", 0}, Row{" info", 0}, Row{"info ", 0}, Row{"", 0},
+        Row{"off", 0}, Row{"3", 0}, Row{"verbose\n", 0}}) {
     EXPECT_EQ(log_level_from_name(row.name), row.level) << row.name;
   }
 }

@@ -29,9 +29,9 @@ class LogMessage : public testing::Test {
   /// What the action writes to standard output with the log on at this level there, "LOG START" left out.
   static std::string logged(const std::function<void()>& action, int level = LOG_LEVEL_VERBOSE, int timestamps = 0) {
     return test::captured(stdout, [&] {
-             test::captured(stdout, [&] { log_init(nullptr, level, timestamps); });
-             action();
-           });
+      test::captured(stdout, [&] { log_init(nullptr, level, timestamps); });
+      action();
+    });
   }
 
   test::LogReset reset;
@@ -159,8 +159,10 @@ TEST_F(LogMessage, IsFlushedAtOnce) {
 TEST_F(LogMessage, OfAnyLengthIsOneLine) {
   for (std::size_t length = 1000; length < 1050; ++length) {
     const std::string text(length, 'x');
-    EXPECT_EQ(logged([&] { log_message("a", 1, LOG_LEVEL_ERROR, "%s", text.c_str()); }), "[a:1] " + text + "\n") << length;
-    EXPECT_EQ(logged([&] { log_message("a", 1, LOG_LEVEL_ERROR, "%s\n", text.c_str()); }), "[a:1] " + text + "\n") << length;
+    EXPECT_EQ(logged([&] { log_message("a", 1, LOG_LEVEL_ERROR, "%s", text.c_str()); }), "[a:1] " + text + "\n")
+        << length;
+    EXPECT_EQ(logged([&] { log_message("a", 1, LOG_LEVEL_ERROR, "%s\n", text.c_str()); }), "[a:1] " + text + "\n")
+        << length;
   }
   const std::string text(1024 * 1024 + 1, 'y');
   EXPECT_TRUE(logged([&] { log_message("a", 1, LOG_LEVEL_ERROR, "<%s>", text.c_str()); }) == "[a:1] <" + text + ">\n");
@@ -180,8 +182,11 @@ TEST_F(LogMessage, LeavesErrnoAsItWas) {
     return errno;
   };
   std::vector<int> seen;
-  logged([&] { seen = {errnoAfter(LOG_LEVEL_ERROR, 1), errnoAfter(LOG_LEVEL_ERROR, 5000), errnoAfter(LOG_LEVEL_VERBOSE, 1)}; },
-         LOG_LEVEL_INFO);
+  logged(
+      [&] {
+        seen = {errnoAfter(LOG_LEVEL_ERROR, 1), errnoAfter(LOG_LEVEL_ERROR, 5000), errnoAfter(LOG_LEVEL_VERBOSE, 1)};
+      },
+      LOG_LEVEL_INFO);
   EXPECT_THAT(seen, testing::Each(ENOTEMPTY));
 }
 

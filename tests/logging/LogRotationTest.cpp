@@ -156,7 +156,8 @@ TEST_F(LogRotation, FileThatIsGoneIsReportedAndWrittenOn) {
   time.advance(1);
   EXPECT_EQ(test::captured(stderr, [] { log_set_max_size_kb(1); }),
             "failure getting file stats\n: No such file or directory\n");
-  EXPECT_EQ(test::captured(stderr, [] { writeLines(50); }), "failure getting file stats\n: No such file or directory\n");
+  EXPECT_EQ(test::captured(stderr, [] { writeLines(50); }),
+            "failure getting file stats\n: No such file or directory\n");
   EXPECT_EQ(test::captured(stdout, [] { writeLines(1); }), "");
   EXPECT_EQ(fileCount(), 0U);
 }

@@ -49,7 +49,9 @@ std::string normalised(const std::string& log) {
 class LoggingSettings : public testing::Test {
  protected:
   /// Reads settings from a file with this text, then logs a line at each level; what that writes to standard output.
-  std::string outputOf(const std::string& configuration) { return outputOfFile(directory.write("config", configuration)); }
+  std::string outputOf(const std::string& configuration) {
+    return outputOfFile(directory.write("config", configuration));
+  }
 
   std::string outputOfFile(const std::string& path) {
     const test::LogReset reset;
@@ -80,16 +82,17 @@ TEST_F(LoggingSettings, FileThatCannotBeOpened) {
 }
 
 TEST_F(LoggingSettings, FileWithoutSsoSection) {
-  for (const char* text : {"{}", "[]", "{\"SSO\":{}}", "{\"sso\":1}", "{\"sso\":\"x\"}", "{\"sso\":null}", "{\"sso\":true}",
-                           "[{\"sso\":{\"log_level\":\"info\"}}]"}) {
+  for (const char* text : {"{}", "[]", "{\"SSO\":{}}", "{\"sso\":1}", "{\"sso\":\"x\"}", "{\"sso\":null}",
+                           "{\"sso\":true}", "[{\"sso\":{\"log_level\":\"info\"}}]"}) {
     EXPECT_EQ(outputOf(text), defaultLog("Configuration file " + config + " is missing sso section")) << text;
     EXPECT_FALSE(accepted) << text;
   }
 }
 
 TEST_F(LoggingSettings, SectionWithoutLogLevel) {
-  for (const char* text : {"{\"sso\":{}}", "{\"sso\":[]}", "{\"sso\":{\"log_level\":3}}", "{\"sso\":{\"log_level\":null}}",
-                           "{\"sso\":{\"log_level\":{}}}", "{\"sso\":{\"log_path\":\"x\"}}"}) {
+  for (const char* text :
+       {"{\"sso\":{}}", "{\"sso\":[]}", "{\"sso\":{\"log_level\":3}}", "{\"sso\":{\"log_level\":null}}",
+        "{\"sso\":{\"log_level\":{}}}", "{\"sso\":{\"log_path\":\"x\"}}"}) {
     EXPECT_EQ(outputOf(text), defaultLog("Configuration file " + config + " is missing sso.log_level")) << text;
     EXPECT_FALSE(accepted) << text;
   }
@@ -104,15 +107,16 @@ TEST_F(LoggingSettings, FileThatIsNotJson) {
                         Row{"{\"sso\":", "Input was only whitespace"}, Row{"{\"a\":1,\"a\":2}", "Key conflict"},
                         Row{"{\"\":1}", "Missing key"}, Row{"{\"sso\":{\"a\":1,\"a\":2}}", "Key conflict"},
                         Row{"{\"sso\":{\"log_level\":\"info\",}}", "Input is not a valid object"}}) {
-    EXPECT_EQ(outputOf(row.text), defaultLog("Error processing configuration file " + config + ", error " + row.reason + " "))
+    EXPECT_EQ(outputOf(row.text),
+              defaultLog("Error processing configuration file " + config + ", error " + row.reason + " "))
         << row.text;
     EXPECT_FALSE(accepted) << row.text;
   }
 }
 
 TEST_F(LoggingSettings, DirectoryCountsAsAnEmptyFile) {
-  EXPECT_EQ(outputOfFile(directory.path()),
-            defaultLog("Error processing configuration file " + directory.path() + ", error Input is not a valid object "));
+  EXPECT_EQ(outputOfFile(directory.path()), defaultLog("Error processing configuration file " + directory.path() +
+                                                       ", error Input is not a valid object "));
 }
 
 TEST_F(LoggingSettings, WithoutPathTheLogGoesToStandardOutputWithAWarning) {
@@ -159,13 +163,15 @@ TEST_F(LoggingSettings, PathIsThePrefixOfTheLogFile) {
   EXPECT_TRUE(accepted);
   const auto names = directory.names();
   ASSERT_EQ(names.size(), 2U);
-  EXPECT_THAT(names[1], MatchesRegex("sso-[0-9][0-9][0-9][0-9]-[0-9][0-9]-[0-9][0-9]-[0-9][0-9]-[0-9][0-9]-[0-9][0-9].log"));
+  EXPECT_THAT(names[1],
+              MatchesRegex("sso-[0-9][0-9][0-9][0-9]-[0-9][0-9]-[0-9][0-9]-[0-9][0-9]-[0-9][0-9]-[0-9][0-9].log"));
   EXPECT_EQ(normalised(directory.read(names[1])), "LOG START\n<time> test: 1\n<time> test: 2\n<time> test: 3\nLOG END");
 }
 
 TEST_F(LoggingSettings, PathInAMissingDirectoryFallsBackToStandardOutput) {
   const std::string prefix = directory.file("missing/x");
-  EXPECT_EQ(outputOf("{\"sso\":{\"log_level\":\"error\",\"log_path\":\"" + prefix + "\"}}"), "LOG START\n<time> test: 1\n");
+  EXPECT_EQ(outputOf("{\"sso\":{\"log_level\":\"error\",\"log_path\":\"" + prefix + "\"}}"),
+            "LOG START\n<time> test: 1\n");
   EXPECT_TRUE(accepted);
   EXPECT_THAT(errors, MatchesRegex("Attempted to create log " + prefix +
                                    "-[0-9][0-9][0-9][0-9]-[0-9][0-9]-[0-9][0-9]-[0-9][0-9]-[0-9][0-9]-[0-9][0-9].log\n"

@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "DiscoverySSOManager.h"
 #include "runLoop/Device.h"
@@ -56,7 +58,6 @@ class RunLoopTest : public ::testing::Test {
 TEST_F(RunLoopTest, ConfiguredManagerIsInitialisedAtOnceThenIdlesInOneSecondWaits) {
   device.installCertificate();
   DiscoverySSOManager manager(device.configuration(), "");
-  std::vector<std::string> tokens;
   script.onWait = [&](std::size_t before) {
     EXPECT_EQ(manager.getCertificateId(), "device-0001");
     if (before == 2) {

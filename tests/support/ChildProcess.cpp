@@ -8,6 +8,12 @@
 #include <cstdlib>
 #include <stdexcept>
 
+/// Asked by the thread sanitizer: children may start threads although earlier tests have left some in the parent.
+extern "C" const char* __tsan_default_options();
+extern "C" const char* __tsan_default_options() {
+  return "die_after_fork=0";
+}
+
 namespace test {
 
 int runInChild(const std::function<void()>& action) {

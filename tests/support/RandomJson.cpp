@@ -101,7 +101,8 @@ std::string RandomJson::space() {
 }
 
 std::string RandomJson::stringLiteral() {
-  static const char* const pieces[] = {"a", "b c", "\\n", "\\\"", "\\\\", "\\u00e9", "\\u0041", ",", "]", "\xc3\xa9", "\t"};
+  static const char* const pieces[] = {"a",       "b c", "\\n", "\\\"",     "\\\\", "\\u00e9",
+                                       "\\u0041", ",",   "]",   "\xc3\xa9", "\t"};
   std::string text = "\"";
   for (std::size_t count = below(4); count > 0; --count) {
     text += pieces[below(std::size(pieces))];

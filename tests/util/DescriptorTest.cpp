@@ -1,5 +1,3 @@
-#include "util/Descriptor.h"
-
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -9,6 +7,7 @@
 
 #include "support/ChildProcess.h"
 #include "support/OpenDescriptors.h"
+#include "util/Descriptor.h"
 
 namespace {
 

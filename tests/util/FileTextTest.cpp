@@ -1,5 +1,3 @@
-#include "util/FileText.h"
-
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -11,6 +9,7 @@
 #include "support/ChildProcess.h"
 #include "support/OpenDescriptors.h"
 #include "support/TemporaryDirectory.h"
+#include "util/FileText.h"
 
 namespace {
 
@@ -26,9 +25,9 @@ class FileText : public testing::Test {
 };
 
 TEST_F(FileText, IsReadByteForByte) {
-  for (const std::string& written : {std::string(), std::string("a"), std::string("\0\n\r\xff\x80 \0", 8),
-                                     std::string(4095, 'x'), std::string(4096, 'x'), std::string(4097, 'x'),
-                                     std::string(1000000, 'y') + "end"}) {
+  for (const std::string& written :
+       {std::string(), std::string("a"), std::string("\0\n\r\xff\x80 \0", 8), std::string(4095, 'x'),
+        std::string(4096, 'x'), std::string(4097, 'x'), std::string(1000000, 'y') + "end"}) {
     directory.write("file", written);
     EXPECT_TRUE(readWholeFile(path, text));
     EXPECT_TRUE(text == written) << written.size();

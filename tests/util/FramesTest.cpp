@@ -1,5 +1,3 @@
-#include "util/Frames.h"
-
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -14,6 +12,7 @@
 #include "support/ChildProcess.h"
 #include "support/LogCapture.h"
 #include "util/Descriptor.h"
+#include "util/Frames.h"
 #include "util/StopSignals.h"
 
 namespace {
@@ -138,7 +137,8 @@ TEST(FrameReader, TextEndsAtTheFirstNul) {
 }
 
 TEST(FrameReader, LengthIsUnsignedAndBigEndian) {
-  for (const std::uint32_t length : {0x00000000U, 0x00000001U, 0x01020304U, 0x7fffffffU, 0x80000000U, 0xff000000U, 0xffffffffU}) {
+  for (const std::uint32_t length :
+       {0x00000000U, 0x00000001U, 0x01020304U, 0x7fffffffU, 0x80000000U, 0xff000000U, 0xffffffffU}) {
     Connection connection;
     connection.send(prefix(length));
     FrameReader reader(connection.near.get());
@@ -204,7 +204,7 @@ TEST(FrameReader, ReadThatWouldBlockFails) {
 
 TEST(FrameReader, LeavesItsDescriptorOpen) {
   Connection connection;
-  connection.send(frame("first") );
+  connection.send(frame("first"));
   {
     FrameReader reader(connection.near.get());
     EXPECT_EQ(reader.readLength(), Transfer::COMPLETE);

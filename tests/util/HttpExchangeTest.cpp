@@ -1,5 +1,3 @@
-#include "util/HttpExchange.h"
-
 #include <gtest/gtest.h>
 
 #include <string>
@@ -7,6 +5,7 @@
 #include "support/DeadPorts.h"
 #include "support/HttpServer.h"
 #include "support/RawServer.h"
+#include "util/HttpExchange.h"
 
 namespace {
 
@@ -95,7 +94,8 @@ TEST_F(HttpExchanges, SendTheirHeaders) {
 
 TEST_F(HttpExchanges, FailureIsLibcurlsText) {
   const test::ClosedPort closed;
-  EXPECT_EQ(perform("http://127.0.0.1:" + std::to_string(closed.port()) + "/"), curl_easy_strerror(CURLE_COULDNT_CONNECT));
+  EXPECT_EQ(perform("http://127.0.0.1:" + std::to_string(closed.port()) + "/"),
+            curl_easy_strerror(CURLE_COULDNT_CONNECT));
   EXPECT_EQ(body, "");
   EXPECT_EQ(exchange.status(), 0);
   EXPECT_EQ(perform("nonsense://127.0.0.1/"), curl_easy_strerror(CURLE_UNSUPPORTED_PROTOCOL));

@@ -1,8 +1,8 @@
-#include "util/JsonMembers.h"
-
 #include <gtest/gtest.h>
 
 #include <string>
+
+#include "util/JsonMembers.h"
 
 namespace {
 

@@ -1,11 +1,11 @@
-#include "util/NoDestructor.h"
-
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <utility>
+
+#include "util/NoDestructor.h"
 
 namespace {
 

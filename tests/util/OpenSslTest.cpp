@@ -1,5 +1,3 @@
-#include "util/OpenSsl.h"
-
 #include <gtest/gtest.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
@@ -9,6 +7,7 @@
 #include "support/EncryptedDiscovery.h"
 #include "support/Terminal.h"
 #include "support/TestIdentity.h"
+#include "util/OpenSsl.h"
 
 namespace {
 
@@ -37,8 +36,8 @@ class OpenSsl : public testing::Test {
 
 TEST_F(OpenSsl, CertificateIsReadFromPemText) {
   const std::string& pem = test::deviceIdentity().certificate;
-  for (const std::string& text : {pem, "text before\n" + pem, pem + "text behind", pem + test::otherIdentity().certificate,
-                                  test::deviceIdentity().privateKey + pem}) {
+  for (const std::string& text : {pem, "text before\n" + pem, pem + "text behind",
+                                  pem + test::otherIdentity().certificate, test::deviceIdentity().privateKey + pem}) {
     const X509Owner certificate = readCertificate(text);
     ASSERT_NE(certificate, nullptr) << text;
     EXPECT_EQ(commonName(certificate), "device-0001") << text;
@@ -81,8 +80,8 @@ TEST_F(OpenSsl, TraditionalPrivateKeyIsReadAsWell) {
 TEST_F(OpenSsl, TextWithoutPrivateKeyGivesNone) {
   const std::string& pem = test::deviceIdentity().privateKey;
   for (const std::string& text : {std::string(), std::string("garbage"), pem.substr(0, pem.size() / 2), pem.substr(30),
-                                  test::deviceIdentity().certificate, test::publicKeyOf(test::deviceIdentity().certificate),
-                                  std::string(1, '\0') + pem}) {
+                                  test::deviceIdentity().certificate,
+                                  test::publicKeyOf(test::deviceIdentity().certificate), std::string(1, '\0') + pem}) {
     EXPECT_EQ(readPrivateKey(text), nullptr) << text;
   }
 }
@@ -116,7 +115,8 @@ class Decryption : public OpenSsl {
 };
 
 TEST_F(Decryption, GivesWhatWasEncrypted) {
-  for (const std::string& text : {std::string("x"), std::string("\0a\0\xff", 4), std::string(214, 'm'), std::string()}) {
+  for (const std::string& text :
+       {std::string("x"), std::string("\0a\0\xff", 4), std::string(214, 'm'), std::string()}) {
     EXPECT_TRUE(decrypt(test::encryptBlocks({text}, test::deviceIdentity().certificate)));
     EXPECT_EQ(plain, text);
   }
@@ -126,8 +126,9 @@ TEST_F(Decryption, RefusesOtherBlocks) {
   const std::string block = test::encryptBlocks({"text"}, test::deviceIdentity().certificate);
   std::string damaged = block;
   damaged[100] = static_cast<char>(damaged[100] ^ 1);
-  for (const std::string& wrong : {std::string(), block.substr(0, 255), block + "x", damaged, std::string(256, '\0'),
-                                   std::string(256, '\xff'), test::encryptBlocks({"text"}, test::otherIdentity().certificate)}) {
+  for (const std::string& wrong :
+       {std::string(), block.substr(0, 255), block + "x", damaged, std::string(256, '\0'), std::string(256, '\xff'),
+        test::encryptBlocks({"text"}, test::otherIdentity().certificate)}) {
     plain = "old text";
     EXPECT_FALSE(decrypt(wrong));
     EXPECT_EQ(plain, "");

@@ -1,5 +1,3 @@
-#include "util/Secrets.h"
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -7,13 +5,16 @@
 #include <string>
 #include <type_traits>
 
+#include "util/Secrets.h"
+
 namespace {
 
 using velo::ssoService::SecretText;
 using velo::ssoService::wipe;
 
 TEST(Secrets, WipeEmptiesTheText) {
-  for (const std::size_t length : {std::size_t{0}, std::size_t{1}, std::size_t{15}, std::size_t{16}, std::size_t{5000}}) {
+  for (const std::size_t length :
+       {std::size_t{0}, std::size_t{1}, std::size_t{15}, std::size_t{16}, std::size_t{5000}}) {
     std::string text(length, 's');
     wipe(text);
     EXPECT_EQ(text, "") << length;

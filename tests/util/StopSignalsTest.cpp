@@ -1,7 +1,5 @@
 // Stop signals are a whole process's: every test here runs in a child.
 
-#include "util/StopSignals.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -15,6 +13,7 @@
 #include "support/Await.h"
 #include "support/ChildProcess.h"
 #include "support/LogCapture.h"
+#include "util/StopSignals.h"
 
 namespace {
 

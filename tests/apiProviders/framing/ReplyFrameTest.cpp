@@ -4,7 +4,9 @@
 
 #include <cerrno>
 #include <csignal>
+#include <functional>
 #include <future>
+#include <new>
 
 #include "apiProviders/framing/ApiLog.h"
 #include "apiProviders/framing/ApiServer.h"
@@ -123,6 +125,16 @@ TEST_F(GoneClientTest, NoSignalIsRaised) {
   leaveWhileHandled([](ApiClient& gone) { gone.close(); }, std::string(16 * 1024 * 1024, 'r'));
   std::signal(SIGPIPE, before);
   EXPECT_EQ(raised, 0);
+}
+
+TEST_F(ReplyFrameTest, ExceptionCostsOneClientItsReply) {
+  echo.answer([](const std::string&) -> std::string { throw std::bad_alloc(); });
+  EXPECT_EQ(ask(server.port(), "x"), "");
+  echo.answer([](const std::string& request) { return request; });
+  EXPECT_EQ(ask(server.port(), "next"), frame("next"));
+  EXPECT_EQ(log.lines(), setupLines() + requestLines("x") +
+                             apiLines({"SSO API request abandoned: "s + std::bad_alloc().what()}) +
+                             requestLines("next"));
 }
 
 TEST_F(ReplyFrameTest, FailedWritesAbandonTheReply) {
