@@ -90,29 +90,27 @@ void SsoApiSocketProvider::serveClient() {
 
 /// The payload of the client's frame; empty after any failure.
 std::string SsoApiSocketProvider::readRequest() {
-  frameRefused = false;
   FrameReader frame(clientSocket.get());
-  switch (frame.readLength()) {
-    case Transfer::COMPLETE:
-      break;
-    case Transfer::CLOSED:
-      LOG_ERROR("SSO API connection closed while reading request");
-      return "";
-    case Transfer::FAILED:
-      LOG_ERROR("SSO API request read failed, read 4 bytes - message length");
-      return "";
+  Transfer outcome = frame.readLength();
+  const bool lengthKnown = outcome == Transfer::COMPLETE;
+  if (lengthKnown) {
+    LOG_DEBUG("SSO API request message size: %d", static_cast<int>(frame.length()));
+    outcome = frame.readPayload();
   }
-  LOG_DEBUG("SSO API request message size: %d", static_cast<int>(frame.length()));
   frameRefused = frame.length() > MAX_FRAME_BYTES;
-  switch (frame.readPayload()) {
+  switch (outcome) {
     case Transfer::COMPLETE:
       break;
     case Transfer::CLOSED:
       LOG_ERROR("SSO API connection closed while reading request");
       return "";
     case Transfer::FAILED:
-      LOG_ERROR("SSO API request read failed, read %d out of %d", static_cast<int>(frame.received()),
-                static_cast<int>(frame.length()));
+      if (lengthKnown) {
+        LOG_ERROR("SSO API request read failed, read %d out of %d", static_cast<int>(frame.received()),
+                  static_cast<int>(frame.length()));
+      } else {
+        LOG_ERROR("SSO API request read failed, read 4 bytes - message length");
+      }
       return "";
   }
   std::string request = frame.text();
