@@ -26,7 +26,8 @@ class jobject {
   class const_proxy;
   class proxy;
 
-  explicit jobject(bool array = false) : array_flag(array) {}
+  jobject() : jobject(false) {}
+  explicit jobject(bool array) : array_flag(array) {}
   jobject(const jobject&) = default;
   jobject(jobject&&) = default;
   jobject& operator=(const jobject&) = default;
