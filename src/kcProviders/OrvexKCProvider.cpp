@@ -13,6 +13,7 @@
 #include "util/Frames.h"
 #include "util/Loopback.h"
 #include "util/Secrets.h"
+#include "util/StopSignals.h"
 
 namespace velo::ssoService {
 namespace {
@@ -20,10 +21,15 @@ namespace {
 constexpr const char* LOG_SOURCE = "kcProviders/OrvexKCProvider";
 constexpr int KEY_SERVICE_CONNECT_TIMEOUT_SECONDS = 10;
 
-/// Waits for the outcome of a connection attempt; false when it failed or did not end in time.
+/// Waits for the outcome of a connection attempt; false when it failed or did not end in time, which is a second once
+/// the process is to stop.
 bool isConnected(int connection) {
-  pollfd watched{connection, POLLOUT, 0};
-  if (::poll(&watched, 1, KEY_SERVICE_CONNECT_TIMEOUT_SECONDS * 1000) != 1) {
+  pollfd watched[] = {{connection, POLLOUT, 0}, {stopSignalDescriptor(), POLLIN, 0}};
+  if (!isStopPending()) {
+    ::poll(watched, 2, KEY_SERVICE_CONNECT_TIMEOUT_SECONDS * 1000);
+  }
+  const int grace = isStopPending() ? 1000 : 0;
+  if (::poll(watched, 1, grace) != 1) {
     return false;
   }
   int error = 0;

@@ -4,6 +4,7 @@
 #include <openssl/crypto.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstddef>
 
 #include "util/Descriptor.h"
@@ -12,17 +13,18 @@ namespace velo::ssoService {
 
 bool readWholeFile(const std::string& path, std::string& text) {
   text.clear();
-  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  const Descriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   if (!file.isOpen()) {
     return false;
   }
   struct stat status {};
   if (::fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode)) {
-    text.reserve(static_cast<std::size_t>(status.st_size));  // a text that grows would leave copies of a key behind
+    // A text that grows would leave copies of a key behind.
+    text.reserve(std::min(static_cast<std::size_t>(status.st_size), MAX_FILE_BYTES));
   }
   char chunk[4096];
   ssize_t count = 0;
-  while ((count = ::read(file.get(), chunk, sizeof chunk)) > 0) {
+  while (text.size() < MAX_FILE_BYTES && (count = ::read(file.get(), chunk, sizeof chunk)) > 0) {
     text.append(chunk, static_cast<std::size_t>(count));
   }
   OPENSSL_cleanse(chunk, sizeof chunk);
@@ -31,7 +33,8 @@ bool readWholeFile(const std::string& path, std::string& text) {
 
 void writeWholeFile(const std::string& path, const std::string& text) {
   constexpr mode_t ANYONE_THE_UMASK_ALLOWS = 0666;
-  const Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, ANYONE_THE_UMASK_ALLOWS));
+  const Descriptor file(
+      ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, ANYONE_THE_UMASK_ALLOWS));
   std::size_t written = 0;
   while (written < text.size()) {
     const ssize_t count = ::write(file.get(), text.data() + written, text.size() - written);

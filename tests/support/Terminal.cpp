@@ -21,7 +21,7 @@ using velo::ssoService::Descriptor;
 
 [[noreturn]] void runInTerminal(const std::string& name, const std::function<void()>& action) {
   ::setsid();
-  const Descriptor terminal(::open(name.c_str(), O_RDWR | O_CLOEXEC));  // becomes the session's terminal
+  const Descriptor terminal(::open(name.c_str(), O_RDWR | O_CLOEXEC));  // becomes the child's controlling one
   ::ioctl(terminal.get(), TIOCSCTTY, 0);
   try {
     action();
