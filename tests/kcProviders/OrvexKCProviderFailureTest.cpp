@@ -194,11 +194,24 @@ TEST_F(OrvexKCProviderFailureTest, LengthOverTheLimitFailsWithoutWaitingForThePa
   }
 }
 
+struct StopRequest {
+  StopRequest() { velo::ssoService::stopRequested = 1; }
+  ~StopRequest() { velo::ssoService::stopRequested = 0; }
+};
+
+TEST_F(OrvexKCProviderFailureTest, ConnectionIsWaitedForASecondOnceTheProcessIsToStop) {
+  const StopRequest stop;
+  const StalledPort stalled;
+  OrvexKCProvider unserved(stalled.port());
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(thrownBy([&] { unserved.getCertificate(false); }), "KCException: " + NOT_OPEN);
+  const auto taken = std::chrono::steady_clock::now() - start;
+  EXPECT_GE(taken, std::chrono::milliseconds(900));
+  EXPECT_LT(taken, std::chrono::seconds(8));
+}
+
 TEST_F(OrvexKCProviderFailureTest, ReplyIsNotWaitedForOnceTheProcessIsToStop) {
-  struct StopRequest {
-    StopRequest() { velo::ssoService::stopRequested = 1; }
-    ~StopRequest() { velo::ssoService::stopRequested = 0; }
-  } const stop;
+  const StopRequest stop;
   const LogCapture log;
   service.answer({pause(PATIENCE)});
   EXPECT_EQ(provider.getPrivateKey(false), "");

@@ -56,6 +56,19 @@ TEST_F(FileText, OfAFileWithoutASizeIsReadWhole) {
   EXPECT_EQ(text, "");
 }
 
+TEST_F(FileText, OfADeviceWithoutAnEndIsCutAtTheLimit) {
+  EXPECT_TRUE(readWholeFile("/dev/zero", text));
+  EXPECT_EQ(text.size(), velo::ssoService::MAX_FILE_BYTES);
+}
+
+TEST_F(FileText, OfAPipeIsNotWaitedFor) {
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+  EXPECT_TRUE(readWholeFile(path, text));
+  EXPECT_EQ(text, "");
+  writeWholeFile(path, "nobody reads this");
+  EXPECT_TRUE(descriptors.areAsBefore());
+}
+
 TEST_F(FileText, IsWrittenByteForByteAndReplaced) {
   for (const std::string& written : {std::string(3000000, 'x'), std::string("\0\xff\n", 3), std::string()}) {
     writeWholeFile(path, written);

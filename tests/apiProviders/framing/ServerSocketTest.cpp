@@ -267,7 +267,9 @@ TEST_F(ServerSocketTest, FailedAcceptSetsTheServerUpAgainAtOnce) {
   EXPECT_TRUE(pauses.empty());
 }
 
-TEST_F(ServerSocketTest, SetUpThatFailsAfterAFailedAcceptIsTriedAgainAtOnce) {
+TEST_F(ServerSocketTest, FailureThatLastsIsTriedAgainAtOnceAndThenEachSecond) {
+  std::vector<std::chrono::seconds> pauses;
+  replacePause([&](std::chrono::seconds duration) { pauses.push_back(duration); });
   const int port = freePort();
   SsoApiSocketProvider provider(nullptr, port);
   stopAt("x", provider);
@@ -281,6 +283,7 @@ TEST_F(ServerSocketTest, SetUpThatFailsAfterAFailedAcceptIsTriedAgainAtOnce) {
             apiLines({"SSO API server accept failed", "SSO API Socket successfully created",
                       "SSO API Socket successfully binded", "SSO API listen failed", "SSO API server accept failed"}) +
                 setupLines() + requestLines("x"));
+  EXPECT_EQ(pauses, std::vector<std::chrono::seconds>{1s});
 }
 
 TEST_F(ServerSocketTest, ServiceGoesOnAfterAShortageOfDescriptors) {
