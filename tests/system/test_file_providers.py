@@ -39,6 +39,12 @@ def test_missing_certificate_file_fails_the_initialisation(world, cloud, files, 
     assert not cloud.requests()
 
 
+def test_pipe_in_the_place_of_the_certificate_is_not_waited_for(world, cloud, files):
+    files.certificate_path.unlink()
+    os.mkfifo(files.certificate_path)
+    assert starting_with(world, cloud, files).wait_failed() == " is empty"
+
+
 def test_empty_certificate_file_gives_the_text_without_a_name(world, cloud, files):
     files.certificate_path.write_bytes(b"")
     service = starting_with(world, cloud, files)
