@@ -346,56 +346,36 @@ reader::push_result reader::push_null(char c) {
 }
 
 reader::push_result reader::push_array(char c) {
-  switch (state) {
-    case CONTAINER_EMPTY:
-      if (c != '[') {
-        return REJECTED;
-      }
-      state = CONTAINER_OPENED;
-      return accept(c);
-    case CONTAINER_OPENED:
-    case CONTAINER_COMMA:
-      if (is_whitespace(c)) {
-        return WHITESPACE;
-      }
-      if (c == ']' && state == CONTAINER_OPENED) {
-        state = CONTAINER_CLOSED;
-        return accept(c);
-      }
-      if (type_of(c) == jtype::not_valid) {
-        return REJECTED;
-      }
-      open_child('[', ENTRY_VALUE);
-      return push_value(c);
-    case CONTAINER_CLOSED:
-      return REJECTED;
-    default:
-      throw std::logic_error("Unexpected return");
-  }
+  return push_container(c, '[', ']');
 }
 
 reader::push_result reader::push_object(char c) {
+  return push_container(c, '{', '}');
+}
+
+/// A character for a container without an open child.
+reader::push_result reader::push_container(char c, char opening, char closing) {
   switch (state) {
     case CONTAINER_EMPTY:
-      if (c != '{') {
+      if (c != opening) {
         return REJECTED;
       }
       state = CONTAINER_OPENED;
       return accept(c);
     case CONTAINER_OPENED:
     case CONTAINER_COMMA:
-      if (c == '}' && state == CONTAINER_OPENED) {
-        state = CONTAINER_CLOSED;
-        return accept(c);
-      }
       if (is_whitespace(c)) {
         return WHITESPACE;
       }
-      if (c != '"') {
+      if (c == closing && state == CONTAINER_OPENED) {
+        state = CONTAINER_CLOSED;
+        return accept(c);
+      }
+      if (opening == '[' ? type_of(c) == jtype::not_valid : c != '"') {
         return REJECTED;
       }
-      open_child('{', ENTRY_KEY);
-      return push_string(c);
+      open_child(opening, opening == '[' ? ENTRY_VALUE : ENTRY_KEY);
+      return push_value(c);
     case CONTAINER_CLOSED:
       return REJECTED;
     default:

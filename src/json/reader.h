@@ -82,6 +82,7 @@ class reader : private std::string {
   push_result push_null(char c);
   push_result push_array(char c);
   push_result push_object(char c);
+  push_result push_container(char c, char opening, char closing);
 
   /// Pushes characters up to the first that is rejected or the terminating NUL, whichever comes first, and returns
   /// where that stands. The same answers as single pushes, except that the NUL ends a string literal's body too.

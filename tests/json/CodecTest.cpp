@@ -10,24 +10,15 @@
 #include <vector>
 
 #include "json/json.h"
+#include "support/ParsingError.h"
 
 namespace {
 
 using json::jtype;
+using test::parsingError;
 using testing::PrintToString;
 
 using Texts = std::vector<std::string>;
-
-/// The text of the parsing_error that a function throws.
-template <typename Function>
-std::string parsingError(const Function& function) {
-  try {
-    function();
-  } catch (const json::parsing_error& thrown) {
-    return thrown.what();
-  }
-  return "nothing was thrown";
-}
 
 TEST(JsonCodec, ParsingErrorIsAnInvalidArgument) {
   try {

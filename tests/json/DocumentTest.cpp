@@ -8,22 +8,14 @@
 #include <vector>
 
 #include "json/json.h"
+#include "support/ParsingError.h"
 
 namespace {
 
 using json::jobject;
+using test::parsingError;
 
 using Texts = std::vector<std::string>;
-
-template <typename Function>
-std::string parsingError(const Function& function) {
-  try {
-    function();
-  } catch (const json::parsing_error& thrown) {
-    return thrown.what();
-  }
-  return "nothing was thrown";
-}
 
 template <typename Function>
 std::string invalidKey(const Function& function) {
