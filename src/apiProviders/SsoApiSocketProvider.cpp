@@ -19,7 +19,6 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "apiProviders/SsoApiSocketProvider";
 constexpr std::chrono::seconds SETUP_RETRY_PAUSE{30};
-constexpr std::chrono::seconds REPEATED_FAILURE_PAUSE{1};
 constexpr int BACKLOG = 5;
 
 }  // namespace
@@ -64,19 +63,13 @@ bool SsoApiSocketProvider::setupServer() {
 }
 
 void SsoApiSocketProvider::acceptLoop() {
-  bool failedBefore = false;
   while (!stopFlag) {
     clientSocket.reset(::accept4(serverSocket.get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (!clientSocket.isOpen()) {
       LOG_ERROR("SSO API server accept failed");
-      setupServer();  // Kept: at once, and whatever comes of it.
-      if (failedBefore) {
-        pauseThread(REPEATED_FAILURE_PAUSE);  // a lasting cause would fill the log as fast as the device can write
-      }
-      failedBefore = true;
+      setupServer();  // Kept: without a pause, and whatever comes of it, so a lasting cause fills the log.
       continue;
     }
-    failedBefore = false;
     LOG_INFO("SSO API server accepted the client");
     try {
       serveClient();

@@ -267,7 +267,7 @@ TEST_F(ServerSocketTest, FailedAcceptSetsTheServerUpAgainAtOnce) {
   EXPECT_TRUE(pauses.empty());
 }
 
-TEST_F(ServerSocketTest, FailureThatLastsIsTriedAgainAtOnceAndThenEachSecond) {
+TEST_F(ServerSocketTest, SetUpThatFailsAfterAFailedAcceptIsTriedAgainAtOnce) {
   std::vector<std::chrono::seconds> pauses;
   replacePause([&](std::chrono::seconds duration) { pauses.push_back(duration); });
   const int port = freePort();
@@ -283,7 +283,7 @@ TEST_F(ServerSocketTest, FailureThatLastsIsTriedAgainAtOnceAndThenEachSecond) {
             apiLines({"SSO API server accept failed", "SSO API Socket successfully created",
                       "SSO API Socket successfully binded", "SSO API listen failed", "SSO API server accept failed"}) +
                 setupLines() + requestLines("x"));
-  EXPECT_EQ(pauses, std::vector<std::chrono::seconds>{1s});
+  EXPECT_TRUE(pauses.empty());
 }
 
 TEST_F(ServerSocketTest, ServiceGoesOnAfterAShortageOfDescriptors) {
