@@ -2,7 +2,8 @@
 # -Wconversion makes every narrowing visible (32-bit sizes and times), the rest is the compilers' common ground.
 add_library(sso_warnings INTERFACE)
 target_compile_options(sso_warnings INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion
-  -Wnon-virtual-dtor -Woverloaded-virtual -Wformat=2)
+  -Wformat=2 $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual>
+  $<$<COMPILE_LANGUAGE:C>:-Wstrict-prototypes -Wmissing-prototypes>)
 if(SSO_WARNINGS_AS_ERRORS)
   target_compile_options(sso_warnings INTERFACE -Werror)
 endif()
