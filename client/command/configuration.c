@@ -10,7 +10,7 @@
 #include "failure.h"
 #include "json.h"
 
-#define MAX_FILE_BYTES (16 * 1024 * 1024)
+#define MAX_FILE_BYTES ((size_t)16 * 1024 * 1024)
 
 static _Noreturn void out_of_memory(void) {
   fail(EXIT_LOCAL_FAILURE, "out of memory");

@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <errno.h>
-#include <limits.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <stdbool.h>
@@ -15,10 +14,11 @@
 #include <unistd.h>
 
 #define LENGTH_BYTES 4
+#define NANOSECONDS_A_MILLISECOND 1000000
 
 struct connection {
   int descriptor;
-  struct timespec deadline; /* on the monotonic clock */
+  int64_t deadline_ns; /* on the monotonic clock */
 };
 
 void ssoclient_release(struct ssoclient_bytes* bytes) {
@@ -29,32 +29,24 @@ void ssoclient_release(struct ssoclient_bytes* bytes) {
   bytes->data = NULL;
 }
 
-static struct timespec deadline_after(int timeout_ms) {
-  struct timespec deadline;
-  clock_gettime(CLOCK_MONOTONIC, &deadline);
-  deadline.tv_sec += timeout_ms / 1000;
-  deadline.tv_nsec += timeout_ms % 1000 * 1000000L;
-  if (deadline.tv_nsec >= 1000000000L) {
-    ++deadline.tv_sec;
-    deadline.tv_nsec -= 1000000000L;
-  }
-  return deadline;
-}
-
-/* Milliseconds until the deadline, rounded up so that a wait never ends before it; 0 or less once it has passed. */
-static int remaining_ms(const struct timespec* deadline) {
+static int64_t now_ns(void) {
   struct timespec now;
   clock_gettime(CLOCK_MONOTONIC, &now);
-  const int64_t nanoseconds = ((int64_t)deadline->tv_sec - now.tv_sec) * 1000000000 + (deadline->tv_nsec - now.tv_nsec);
-  return (int)((nanoseconds + 999999) / 1000000);
+  return (int64_t)now.tv_sec * 1000000000 + now.tv_nsec;
+}
+
+/* Milliseconds until the deadline, rounded up so that a wait never ends before it; 0 once it has passed. */
+static int remaining_ms(int64_t deadline_ns) {
+  const int64_t remaining_ns = deadline_ns - now_ns();
+  return remaining_ns > 0 ? (int)((remaining_ns + NANOSECONDS_A_MILLISECOND - 1) / NANOSECONDS_A_MILLISECOND) : 0;
 }
 
 /* Waits until the connection is ready for one of these events, or has failed: the next call on it tells. */
 static enum ssoclient_status wait_for(const struct connection* connection, short events) {
   struct pollfd waiting = {connection->descriptor, events, 0};
   for (;;) {
-    const int remaining = remaining_ms(&connection->deadline);
-    if (remaining <= 0) {
+    const int remaining = remaining_ms(connection->deadline_ns);
+    if (remaining == 0) {
       return SSOCLIENT_TIMED_OUT;
     }
     const int ready = poll(&waiting, 1, remaining);
@@ -159,7 +151,7 @@ static enum ssoclient_status receive_frame(const struct connection* connection, 
     return status;
   }
   const size_t length = ntohl(announced);
-  if (length > SSOCLIENT_MAX_REPLY_BYTES) {
+  if (length > (size_t)SSOCLIENT_MAX_REPLY_BYTES) {
     return SSOCLIENT_MALFORMED_REPLY;
   }
   reply->data = malloc(length + 1);
@@ -186,7 +178,7 @@ enum ssoclient_status ssoclient_exchange(int port, const char* payload, size_t l
                                          struct ssoclient_bytes* reply) {
   reply->data = NULL;
   const struct connection connection = {socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0),
-                                        deadline_after(timeout_ms)};
+                                        now_ns() + (int64_t)timeout_ms * NANOSECONDS_A_MILLISECOND};
   if (connection.descriptor < 0) {
     return SSOCLIENT_CANNOT_CONNECT;
   }

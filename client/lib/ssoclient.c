@@ -49,7 +49,7 @@ static bool append_scope(const char* scope, char* request) {
 }
 
 enum ssoclient_status ssoclient_get_token(int port, const char* scope, int timeout_ms, char** text) {
-  char request[sizeof token_request_begin + 2 * SSOCLIENT_MAX_SCOPE_BYTES + sizeof token_request_end];
+  char request[sizeof token_request_begin + (size_t)2 * SSOCLIENT_MAX_SCOPE_BYTES + sizeof token_request_end];
   memcpy(request, token_request_begin, sizeof token_request_begin);
   if (!scope || !append_scope(scope, request + strlen(request))) {
     if (text) {
