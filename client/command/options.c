@@ -123,22 +123,25 @@ static void read_request(char** words, struct options* options) {
   }
 }
 
+enum { PORT = 1, CONFIG, TIMEOUT, JSON, HELP, VERSION };
+static const struct option option_names[] = {
+    {"port", required_argument, NULL, PORT},
+    {"config", required_argument, NULL, CONFIG},
+    {"timeout", required_argument, NULL, TIMEOUT},
+    {"json", no_argument, NULL, JSON},
+    {"help", no_argument, NULL, HELP},
+    {"version", no_argument, NULL, VERSION},
+    {NULL, 0, NULL, 0},
+};
+
 struct options read_options(int argc, char** argv) {
-  enum { PORT = 1, CONFIG, TIMEOUT, JSON, HELP, VERSION };
-  static const struct option names[] = {
-      {"port", required_argument, NULL, PORT},
-      {"config", required_argument, NULL, CONFIG},
-      {"timeout", required_argument, NULL, TIMEOUT},
-      {"json", no_argument, NULL, JSON},
-      {"help", no_argument, NULL, HELP},
-      {"version", no_argument, NULL, VERSION},
-      {NULL, 0, NULL, 0},
-  };
   struct options options = {.timeout_ms = 120 * 1000}; /* a token may have to be fetched, behind other requests */
   const char* port = NULL;
   const char* config = NULL;
+  static char program[] = "sso-client";
   int option;
-  while ((option = getopt_long(argc, argv, "", names, NULL)) != -1) {
+  argv[0] = program; /* getopt_long begins its messages with it */
+  while ((option = getopt_long(argc, argv, "", option_names, NULL)) != -1) {
     switch (option) {
       case PORT:
         port = optarg;
