@@ -34,7 +34,8 @@ static void check(enum ssoclient_status status, const struct options* options, c
 int main(int argc, char** argv) {
   const struct options options = read_options(argc, argv);
   char* text;
-  check(options.request->ask(options.port, options.scope, options.timeout_ms, &text), &options, text);
+  const enum ssoclient_status status = options.request->ask(options.port, options.scope, options.timeout_ms, &text);
+  check(status, &options, text);
   if (!print_result(options.request, text, options.json)) {
     fail(EXIT_LOCAL_FAILURE, "cannot write the result: %s", strerror(errno));
   }
