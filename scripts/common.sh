@@ -35,6 +35,13 @@ need_build_tools() {
   need g++=g++ cmake=cmake ninja=ninja-build @libcurl4-openssl-dev @libssl-dev @libjwt-dev
 }
 
+# What the unit and system tests need beyond that.
+need_tests() {
+  need @libgtest-dev @libgmock-dev @libcpp-httplib-dev @python3 @python3-pytest @python3-cryptography \
+    pkg-config=pkgconf groff=groff-base
+  need_cloud
+}
+
 need_cloud() {
   need node=nodejs npm=npm openssl=openssl @ca-certificates
   # The lock file decides whether what is installed is what is needed.

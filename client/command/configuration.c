@@ -16,10 +16,23 @@ static _Noreturn void out_of_memory(void) {
   fail(EXIT_LOCAL_FAILURE, "out of memory");
 }
 
+static _Noreturn void cannot_read(const char* path) {
+  fail(EXIT_USAGE, "configuration file %s cannot be read: %s", path, strerror(errno));
+}
+
+/* A named pipe without a writer is not waited for: it reads as empty. */
+static int open_file(const char* path) {
+  const int file = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (file < 0 || fcntl(file, F_SETFL, 0) != 0) {
+    cannot_read(path);
+  }
+  return file;
+}
+
 /* The whole file, for the caller to free. */
 static char* read_file(const char* path, size_t* length) {
-  const int file = open(path, O_RDONLY | O_CLOEXEC);
-  ssize_t count = file < 0 ? -1 : 1;
+  const int file = open_file(path);
+  ssize_t count = 1;
   char* const text = malloc(MAX_FILE_BYTES);
   if (!text) {
     out_of_memory();
@@ -30,7 +43,7 @@ static char* read_file(const char* path, size_t* length) {
     *length += count > 0 ? (size_t)count : 0;
   }
   if (count < 0) {
-    fail(EXIT_USAGE, "configuration file %s cannot be read: %s", path, strerror(errno));
+    cannot_read(path);
   }
   close(file);
   return text;

@@ -134,14 +134,20 @@ static const struct option option_names[] = {
     {NULL, 0, NULL, 0},
 };
 
+/* Says which option getopt_long has not taken: a letter, which it may have found inside a word, or a whole word. */
+static _Noreturn void fail_on_option(char** argv) {
+  if (optopt < 0 || optopt > VERSION) {
+    fail(EXIT_USAGE, "'-%c' is no option; see sso-client --help", optopt);
+  }
+  fail(EXIT_USAGE, "'%s' is no option; see sso-client --help", argv[optind - 1]);
+}
+
 struct options read_options(int argc, char** argv) {
   struct options options = {.timeout_ms = 120 * 1000}; /* a token may have to be fetched, behind other requests */
   const char* port = NULL;
   const char* config = NULL;
-  static char program[] = "sso-client";
   int option;
-  argv[0] = program; /* getopt_long begins its messages with it */
-  while ((option = getopt_long(argc, argv, "", option_names, NULL)) != -1) {
+  while ((option = getopt_long(argc, argv, ":", option_names, NULL)) != -1) {
     switch (option) {
       case PORT:
         port = optarg;
@@ -159,8 +165,10 @@ struct options read_options(int argc, char** argv) {
         print_and_exit(usage);
       case VERSION:
         print_and_exit("sso-client " SSOCLIENT_VERSION "\n");
+      case ':':
+        fail(EXIT_USAGE, "%s needs a value", argv[optind - 1]);
       default:
-        exit(EXIT_USAGE); /* getopt_long has said why */
+        fail_on_option(argv);
     }
   }
   read_request(argv + optind, &options);

@@ -1,10 +1,12 @@
-"""Fixtures of all system tests. SSO_SERVICE names the executable that they drive."""
+"""Fixtures of all system tests. SSO_SERVICE names the service's executable; SSO_CLIENT names the command sso-client,
+when it is not the one beside the service."""
 
 import os
 import signal
 
 import pytest
 
+from support.client_command import ClientCommand
 from support.device import Device
 from support.log import LEVELS
 from support.world import World
@@ -15,14 +17,24 @@ def pytest_configure():
     signal.signal(signal.SIGTERM, signal.default_int_handler)
 
 
+def executable_at(path, variable):
+    if not os.access(path, os.X_OK):
+        pytest.fail(f"{variable} names {path}, which cannot be executed", pytrace=False)
+    return os.path.abspath(path)
+
+
 @pytest.fixture(scope="session")
 def executable():
     path = os.environ.get("SSO_SERVICE")
     if not path:
         pytest.fail("SSO_SERVICE is not set: it has to name the sso-discovery-service executable", pytrace=False)
-    if not os.access(path, os.X_OK):
-        pytest.fail(f"SSO_SERVICE names {path}, which cannot be executed", pytrace=False)
-    return os.path.abspath(path)
+    return executable_at(path, "SSO_SERVICE")
+
+
+@pytest.fixture(scope="session")
+def client(executable):
+    beside = os.path.join(os.path.dirname(executable), "sso-client")
+    return ClientCommand(executable_at(os.environ.get("SSO_CLIENT", beside), "SSO_CLIENT"))
 
 
 @pytest.fixture(scope="session")
