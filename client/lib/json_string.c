@@ -38,7 +38,7 @@ static size_t decode_unicode(const char** p, const char* end, char* bytes) {
   unsigned long code_point = (unsigned long)ssoclient_json_hex_quad(*p, end);
   *p += 4;
   if (is_high_surrogate((long)code_point)) {
-    const long low = end - *p >= 6 && (*p)[0] == '\\' && (*p)[1] == 'u' ? ssoclient_json_hex_quad(*p + 2, end) : -1;
+    const long low = (*p)[0] == '\\' && (*p)[1] == 'u' ? ssoclient_json_hex_quad(*p + 2, end) : -1;
     if (!is_low_surrogate(low)) {
       return 0;
     }
