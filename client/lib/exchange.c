@@ -154,7 +154,7 @@ static enum ssoclient_status receive_frame(const struct connection* connection, 
   if (length > (size_t)SSOCLIENT_MAX_REPLY_BYTES) {
     return SSOCLIENT_MALFORMED_REPLY;
   }
-  reply->data = malloc(length + 1);
+  reply->data = malloc(length + 1); /* the limit is small enough to rely on what is announced */
   if (!reply->data) {
     return SSOCLIENT_OUT_OF_MEMORY;
   }

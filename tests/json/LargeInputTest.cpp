@@ -5,6 +5,7 @@
 #include <string>
 
 #include "json/json.h"
+#include "support/Repeated.h"
 #include "support/SmallStack.h"
 
 namespace {
@@ -12,19 +13,11 @@ namespace {
 using json::jobject;
 using json::jtype;
 using json::reader;
+using test::repeated;
 
 constexpr std::size_t DEPTH = 1000000;
 constexpr std::size_t KEYS = 50000;
 constexpr std::size_t LONG = 4 * 1024 * 1024;
-
-std::string repeated(const std::string& text, std::size_t count) {
-  std::string all;
-  all.reserve(text.size() * count);
-  for (; count > 0; --count) {
-    all += text;
-  }
-  return all;
-}
 
 /// A text that opens so many levels, a value, and the closing of all of them.
 struct Nest {

@@ -53,6 +53,10 @@ class Connection {
           wait(std::chrono::milliseconds(1));
         }
         break;
+      case Step::STREAM:
+        for (std::size_t sent = 0; sent < step.bytes.size() && write(step.bytes.substr(sent, 1)); ++sent) {
+        }
+        break;
       case Step::PAUSE:
         wait(step.duration);
         break;
@@ -79,8 +83,8 @@ class Connection {
   }
 
  private:
-  /// A client that has left is no business of the script.
-  void write(const std::string& bytes) {
+  /// False when the client has left, which is no business of the script.
+  bool write(const std::string& bytes) {
     std::size_t sent = 0;
     while (sent < bytes.size()) {
       pollfd watched[] = {{socket.get(), POLLOUT, 0}, {stopDescriptor, POLLIN, 0}};
@@ -89,10 +93,11 @@ class Connection {
                                                     : ::send(socket.get(), bytes.data() + sent, bytes.size() - sent,
                                                              MSG_NOSIGNAL | MSG_DONTWAIT);
       if (count <= 0) {
-        return;
+        return false;
       }
       sent += static_cast<std::size_t>(count);
     }
+    return true;
   }
 
   void wait(std::chrono::milliseconds duration) const {

@@ -13,11 +13,12 @@ namespace test {
 /// connection in order.
 struct Step {
   enum Kind {
-    SEND,   ///< the bytes at once
-    DRIP,   ///< the bytes one by one, each in a segment of its own
-    PAUSE,  ///< wait
-    RESET,  ///< end the connection by a reset
-    SILENT  ///< wait until the client leaves or the server is destroyed
+    SEND,    ///< the bytes at once
+    DRIP,    ///< the bytes one by one, each in a segment of its own
+    STREAM,  ///< the same without a pause
+    PAUSE,   ///< wait
+    RESET,   ///< end the connection by a reset
+    SILENT   ///< wait until the client leaves or the server is destroyed
   };
   Kind kind;
   std::string bytes = {};
@@ -30,6 +31,9 @@ inline Step send(std::string bytes) {
 }
 inline Step drip(std::string bytes) {
   return {Step::DRIP, std::move(bytes)};
+}
+inline Step stream(std::string bytes) {
+  return {Step::STREAM, std::move(bytes)};
 }
 inline Step pause(std::chrono::milliseconds duration) {
   return {Step::PAUSE, {}, duration};

@@ -6,7 +6,7 @@ import struct
 import threading
 from dataclasses import dataclass, field
 
-from .ports import LOOPBACK
+from .connections import ConnectionServer
 
 
 @dataclass(frozen=True)
@@ -93,40 +93,19 @@ def reset_on_close(connection):
     connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
 
 
-class HttpServer:
+class HttpServer(ConnectionServer):
     """`answer(request)` is called on a thread a connection and gives the reply; one request a connection."""
 
     def __init__(self, answer):
         self._answer = answer
-        self._closing = threading.Event()
-        self._listener = socket.create_server((LOOPBACK, 0), backlog=64)
-        self.port = self._listener.getsockname()[1]
         self.requests = []
-        threading.Thread(target=self._accept, daemon=True).start()
+        super().__init__()
 
-    def close(self):
-        self._closing.set()
-        self._listener.shutdown(socket.SHUT_RDWR)
-        self._listener.close()
-
-    def _accept(self):
-        while not self._closing.is_set():
-            try:
-                connection, _ = self._listener.accept()
-            except OSError:
-                return
-            threading.Thread(target=self._serve, args=(connection,), daemon=True).start()
-
-    def _serve(self, connection):
-        with connection:
-            connection.settimeout(60)
-            try:
-                request = _read_request(connection)
-                if request:
-                    self.requests.append(request)
-                    self._answer(request).send(connection, self._closing)
-            except OSError:
-                pass  # the client left first; what it asked is on record
+    def _converse(self, connection):
+        request = _read_request(connection)
+        if request:
+            self.requests.append(request)
+            self._answer(request).send(connection, self._closing)
 
 
 def _read_request(connection):
