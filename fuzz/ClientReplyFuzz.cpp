@@ -95,7 +95,7 @@ Answer expectedAnswer(const LiteralJson& reply, const Result& wanted) {
   }
   const LiteralJson* const result = onlyMember(reply, wanted.key);
   if (wanted.kind != SSOCLIENT_RESULT_DISCOVERY_DATA) {
-    return withString(SSOCLIENT_OK, result);
+    return result != nullptr && result->plain == "" ? MALFORMED : withString(SSOCLIENT_OK, result);
   }
   return result != nullptr && isObject(*result) ? Answer{SSOCLIENT_OK, std::string(result->text)} : MALFORMED;
 }

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <stdbool.h>
 #include <stddef.h>
 #include <stdlib.h>
 #include <string.h>
@@ -10,6 +11,7 @@
 #include "failure.h"
 #include "json.h"
 
+#define FIRST_BYTES ((size_t)4 * 1024)
 #define MAX_FILE_BYTES ((size_t)16 * 1024 * 1024)
 
 static _Noreturn void out_of_memory(void) {
@@ -29,19 +31,33 @@ static int open_file(const char* path) {
   return file;
 }
 
-/* The whole file, for the caller to free. */
-static char* read_file(const char* path, size_t* length) {
-  const int file = open_file(path);
-  ssize_t count = 1;
-  char* const text = malloc(MAX_FILE_BYTES);
+/* Doubles the room for a file's text. */
+static char* grow(char* text, size_t* capacity, const char* path) {
+  *capacity = text ? 2 * *capacity : FIRST_BYTES;
+  if (*capacity > MAX_FILE_BYTES) {
+    fail(EXIT_USAGE, "configuration file %s is too long", path);
+  }
+  text = realloc(text, *capacity);
   if (!text) {
     out_of_memory();
   }
+  return text;
+}
+
+/* The whole file, for the caller to free. */
+static char* read_file(const char* path, size_t* length) {
+  const int file = open_file(path);
+  char* text = NULL;
+  size_t capacity = 0;
+  ssize_t count;
   *length = 0;
-  while (count > 0 && *length < MAX_FILE_BYTES) {
-    count = read(file, text + *length, MAX_FILE_BYTES - *length);
+  do {
+    if (*length == capacity) {
+      text = grow(text, &capacity, path);
+    }
+    count = read(file, text + *length, capacity - *length);
     *length += count > 0 ? (size_t)count : 0;
-  }
+  } while (count > 0);
   if (count < 0) {
     cannot_read(path);
   }

@@ -13,7 +13,7 @@ enum exit_status {
   EXIT_CONNECTION_CLOSED = 7
 };
 
-/* Writes "sso-client: MESSAGE" to standard error, with "?" for each control character, and ends the process. */
+/* Writes "sso-client: MESSAGE" to standard error, with "?" in the place of control characters, and ends the process. */
 _Noreturn void fail(enum exit_status status, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 #endif

@@ -1,7 +1,6 @@
 /* sso-client: asks the SSO Discovery Service one thing and prints the answer. */
 
 #include <errno.h>
-#include <stddef.h>
 #include <string.h>
 
 #include "failure.h"
@@ -17,7 +16,7 @@ static void check(enum ssoclient_status status, const struct options* options, c
     case SSOCLIENT_INVALID_ARGUMENT:
       fail(EXIT_USAGE, "%s", ssoclient_status_text(status));
     case SSOCLIENT_CANNOT_CONNECT:
-      fail(EXIT_CANNOT_CONNECT, "cannot connect to port %d: is the service running?", options->port);
+      fail(EXIT_CANNOT_CONNECT, "cannot connect to port %d: %s", options->port, strerror(errno));
     case SSOCLIENT_TIMED_OUT:
       fail(EXIT_TIMED_OUT, "timed out: no reply from port %d within %g seconds", options->port, seconds);
     case SSOCLIENT_CONNECTION_CLOSED:

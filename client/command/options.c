@@ -9,6 +9,7 @@
 #include "configuration.h"
 #include "failure.h"
 
+#define DIGITS "0123456789"
 #define MAX_PORT 65535
 #define MAX_TIMEOUT_SECONDS 86400
 
@@ -26,7 +27,7 @@ static const char usage[] =
     "options:\n"
     "  --port N            the service's port; without it and --config, SSO_PORT in the environment says\n"
     "  --config FILE       the service's configuration file: take its first API port\n"
-    "  --timeout SECONDS   the time for it all, fractions allowed (120)\n"
+    "  --timeout SECONDS   the time for the exchange with the service, fractions allowed (120)\n"
     "  --json              print the result as a JSON object\n"
     "  --help              print this and exit\n"
     "  --version           print the version and exit\n"
@@ -42,17 +43,9 @@ static _Noreturn void print_and_exit(const char* text) {
   exit(EXIT_DONE);
 }
 
-/* Whether the text is a decimal number without sign and blanks. */
-static bool is_decimal(const char* text, bool fraction_allowed) {
-  const char* p = text + strspn(text, "0123456789");
-  if (fraction_allowed && *p == '.') {
-    p += 1 + strspn(p + 1, "0123456789");
-  }
-  return *p == '\0' && strpbrk(text, "0123456789") != NULL;
-}
-
 static int read_port(const char* text, const char* source) {
-  const long port = is_decimal(text, false) ? strtol(text, NULL, 10) : 0;
+  const bool has_digits_only = text[strspn(text, DIGITS)] == '\0';
+  const long port = has_digits_only ? strtol(text, NULL, 10) : 0;
   if (port < 1 || port > MAX_PORT) {
     fail(EXIT_USAGE, "%s: '%s' is no port (1 to %d)", source, text, MAX_PORT);
   }
@@ -60,8 +53,10 @@ static int read_port(const char* text, const char* source) {
 }
 
 static int read_timeout_ms(const char* text) {
-  const double seconds = is_decimal(text, true) ? strtod(text, NULL) : 0;
-  if (seconds < 0.001 || seconds > MAX_TIMEOUT_SECONDS) {
+  char* end;
+  const double seconds = strtod(text, &end);
+  const bool is_decimal = *end == '\0' && text[strspn(text, DIGITS ".")] == '\0';
+  if (!is_decimal || seconds < 0.001 || seconds > MAX_TIMEOUT_SECONDS) {
     fail(EXIT_USAGE, "--timeout: '%s' is no time in seconds (0.001 to %d)", text, MAX_TIMEOUT_SECONDS);
   }
   return (int)(seconds * 1000 + 0.5);

@@ -5,8 +5,8 @@
  *
  * Each function opens a connection, sends one request, takes one reply and closes the connection. It returns within its
  * time limit whatever the other side does. All functions may be called from any thread at any time: the library keeps
- * nothing between calls, raises no signal (a lost connection gives no SIGPIPE), and leaves none of its descriptors to
- * child processes. */
+ * nothing between calls, raises no signal (a lost connection gives no SIGPIPE), and hands none of its descriptors to
+ * programs that are executed. A thread must not be cancelled (pthread_cancel) while it is in a call. */
 
 #ifdef __cplusplus
 extern "C" {
@@ -16,7 +16,7 @@ extern "C" {
 enum ssoclient_status {
   SSOCLIENT_OK = 0,
   SSOCLIENT_INVALID_ARGUMENT = 1,  /* an argument is out of its range; nothing was sent */
-  SSOCLIENT_CANNOT_CONNECT = 2,    /* connect(2) or socket(2) failed, as when nothing listens on the port */
+  SSOCLIENT_CANNOT_CONNECT = 2,    /* connect(2) or socket(2) failed; errno tells why, such as ECONNREFUSED */
   SSOCLIENT_TIMED_OUT = 3,         /* the time limit passed before the reply was complete */
   SSOCLIENT_CONNECTION_CLOSED = 4, /* the connection ended or broke before the reply was complete */
   SSOCLIENT_MALFORMED_REPLY = 5,   /* too long, or not a reply of the service to this request */
@@ -33,9 +33,9 @@ enum ssoclient_status {
  *   port         1 to 65535: one of the service's API ports
  *   timeout_ms   1 or more: the time for the whole call, in milliseconds. A token that has to be fetched first can take
  *                the service a minute, and requests of other programs come before.
- *   text         what comes back, always set. With SSOCLIENT_OK: the result. With SSOCLIENT_REFUSED: the service's
- *                message. Otherwise: a null pointer. It ends with a NUL and holds no other. It is the caller's, who
- *                gives it to ssoclient_free. */
+ *   text         where to put what comes back. It is always set: with SSOCLIENT_OK to the result, with
+ *                SSOCLIENT_REFUSED to the service's message, otherwise to a null pointer. The text ends with a NUL and
+ *                holds no other. It is the caller's, who gives it to ssoclient_free. */
 
 /* An OAuth 2.0 access token for a scope (RFC 6749 section 3.3): 1 to SSOCLIENT_MAX_SCOPE_BYTES bytes, none of them a
  * control character. The service hands the scope on as it is, so what has a meaning in a URL-encoded form has to be

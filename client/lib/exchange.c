@@ -66,6 +66,13 @@ static bool is_connected_to_itself(int descriptor, const struct sockaddr_in* pee
   return getsockname(descriptor, (struct sockaddr*)&own, &length) == 0 && own.sin_port == peer->sin_port;
 }
 
+/* Why a connection did not come about, or 0. */
+static int socket_error(int descriptor) {
+  int error = 0;
+  socklen_t length = sizeof error;
+  return getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &length) == 0 ? error : errno;
+}
+
 static enum ssoclient_status connect_to(const struct connection* connection, int port) {
   struct sockaddr_in peer = {0};
   peer.sin_family = AF_INET;
@@ -79,13 +86,16 @@ static enum ssoclient_status connect_to(const struct connection* connection, int
     if (waited != SSOCLIENT_OK) {
       return waited;
     }
-    int error = 0;
-    socklen_t length = sizeof error;
-    if (getsockopt(connection->descriptor, SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error != 0) {
+    errno = socket_error(connection->descriptor);
+    if (errno != 0) {
       return SSOCLIENT_CANNOT_CONNECT;
     }
   }
-  return is_connected_to_itself(connection->descriptor, &peer) ? SSOCLIENT_CANNOT_CONNECT : SSOCLIENT_OK;
+  if (is_connected_to_itself(connection->descriptor, &peer)) {
+    errno = ECONNREFUSED;
+    return SSOCLIENT_CANNOT_CONNECT;
+  }
+  return SSOCLIENT_OK;
 }
 
 /* Whether a call that failed on a connection is worth another try. */
@@ -112,17 +122,18 @@ static enum ssoclient_status send_all(const struct connection* connection, const
   return SSOCLIENT_OK;
 }
 
-static enum ssoclient_status receive_all(const struct connection* connection, char* bytes, size_t length) {
-  while (length > 0) {
+static enum ssoclient_status receive_all(const struct connection* connection, char* bytes, size_t length,
+                                         size_t* received) {
+  *received = 0;
+  while (*received < length) {
     const enum ssoclient_status waited = wait_for(connection, POLLIN);
     if (waited != SSOCLIENT_OK) {
       return waited;
     }
-    const ssize_t received = recv(connection->descriptor, bytes, length, 0);
-    if (received > 0) {
-      bytes += received;
-      length -= (size_t)received;
-    } else if (received == 0 || !may_retry()) {
+    const ssize_t count = recv(connection->descriptor, bytes + *received, length - *received, 0);
+    if (count > 0) {
+      *received += (size_t)count;
+    } else if (count == 0 || !may_retry()) {
       return SSOCLIENT_CONNECTION_CLOSED;
     }
   }
@@ -146,7 +157,8 @@ static enum ssoclient_status send_frame(const struct connection* connection, con
 
 static enum ssoclient_status receive_frame(const struct connection* connection, struct ssoclient_bytes* reply) {
   uint32_t announced;
-  const enum ssoclient_status status = receive_all(connection, (char*)&announced, LENGTH_BYTES);
+  size_t received;
+  const enum ssoclient_status status = receive_all(connection, (char*)&announced, LENGTH_BYTES, &received);
   if (status != SSOCLIENT_OK) {
     return status;
   }
@@ -154,12 +166,13 @@ static enum ssoclient_status receive_frame(const struct connection* connection, 
   if (length > (size_t)SSOCLIENT_MAX_REPLY_BYTES) {
     return SSOCLIENT_MALFORMED_REPLY;
   }
-  reply->data = malloc(length + 1); /* the limit is small enough to rely on what is announced */
+  /* The limit is small enough to reserve what is announced; the pages come with the bytes. A byte more, so that an
+   * empty payload is no failure. */
+  reply->data = malloc(length + 1);
   if (!reply->data) {
     return SSOCLIENT_OUT_OF_MEMORY;
   }
-  reply->length = length;
-  return receive_all(connection, reply->data, length);
+  return receive_all(connection, reply->data, length, &reply->length);
 }
 
 static enum ssoclient_status exchange_on(const struct connection* connection, int port, const char* payload,
@@ -183,9 +196,11 @@ enum ssoclient_status ssoclient_exchange(int port, const char* payload, size_t l
     return SSOCLIENT_CANNOT_CONNECT;
   }
   const enum ssoclient_status status = exchange_on(&connection, port, payload, length, reply);
+  const int error = errno;
   close(connection.descriptor);
   if (status != SSOCLIENT_OK) {
     ssoclient_release(reply);
   }
+  errno = error;
   return status;
 }

@@ -1,5 +1,6 @@
 #include "reply.h"
 
+#include <stdbool.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -29,6 +30,17 @@ static enum ssoclient_status take_string(struct ssoclient_json reply, const char
   return SSOCLIENT_OK;
 }
 
+/* A token or an id, which is never empty (RFC 6749 appendix A.12): whoever takes an empty one goes on without any. */
+static enum ssoclient_status take_value(struct ssoclient_json reply, const char* name, char** text) {
+  const enum ssoclient_status status = take_string(reply, name, text);
+  if (status == SSOCLIENT_OK && **text == '\0') {
+    free(*text);
+    *text = NULL;
+    return SSOCLIENT_MALFORMED_REPLY;
+  }
+  return status;
+}
+
 static enum ssoclient_status take_object(struct ssoclient_json reply, const char* name, char** text) {
   struct ssoclient_json value;
   if (!find_member(reply, name, &value) || !ssoclient_json_is_object(value)) {
@@ -43,9 +55,9 @@ static enum ssoclient_status take_result(struct ssoclient_json reply, enum ssocl
     case SSOCLIENT_RESULT_NONE:
       return SSOCLIENT_OK;
     case SSOCLIENT_RESULT_TOKEN:
-      return take_string(reply, "token", text);
+      return take_value(reply, "token", text);
     case SSOCLIENT_RESULT_CERTIFICATE_ID:
-      return take_string(reply, "certificate_id", text);
+      return take_value(reply, "certificate_id", text);
     case SSOCLIENT_RESULT_DISCOVERY_DATA:
       return take_object(reply, "discovery_data", text);
   }

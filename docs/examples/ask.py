@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Asks the SSO Discovery Service one thing over its local API and prints the reply.
+"""Asks the SSO Discovery Service one thing over its local API and prints the reply,
+refusals included.
 
     ask.py PORT REQUEST        ask.py 5055 '{"request":"token","scope":"telemetry"}'
 """

@@ -6,6 +6,8 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 
+#include <cerrno>
+
 #include "client/Calls.h"
 #include "client/WatchedCalls.h"
 #include "support/ChildProcess.h"
@@ -40,6 +42,7 @@ TEST(ClientConnection, CannotBeMadeWhereNobodyListens) {
   const test::OpenDescriptors descriptors;
   for (const Request request : test::ALL_REQUESTS) {
     const auto took = test::durationOf([&] { EXPECT_EQ(test::call(request, closed.port()), CANNOT_CONNECT); });
+    EXPECT_EQ(errno, ECONNREFUSED);
     EXPECT_LT(took, test::MARGIN);
   }
   EXPECT_TRUE(descriptors.areAsBefore());
@@ -52,6 +55,7 @@ TEST(ClientConnection, CannotBeMadeWithoutADescriptor) {
               const int port = 1;  // never reached
               for (const Request request : test::ALL_REQUESTS) {
                 EXPECT_EQ(test::call(request, port), CANNOT_CONNECT);
+                EXPECT_EQ(errno, EMFILE);
               }
             }),
             0);
@@ -66,6 +70,7 @@ TEST(ClientConnection, WithItselfIsNone) {
     bool isBound = false;
     calls.beforeConnect = [&](int socket) { isBound = bindTo(port, socket); };
     EXPECT_EQ(test::call(request, port), CANNOT_CONNECT);
+    EXPECT_EQ(errno, ECONNREFUSED);
     EXPECT_TRUE(isBound);
   }
   EXPECT_TRUE(descriptors.areAsBefore());
@@ -79,7 +84,7 @@ TEST(ClientConnection, WithItselfIsNoneHoweverOftenItIsTried) {
   }
 }
 
-TEST(ClientConnection, IsNotForChildProcesses) {
+TEST(ClientConnection, IsNotForExecutedPrograms) {
   test::FrameServer server;
   for (const Request request : test::ALL_REQUESTS) {
     server.reply(test::goodReply(request));

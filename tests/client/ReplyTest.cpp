@@ -83,11 +83,15 @@ TEST(ClientReply, OrderWhiteSpaceAndFurtherMembersDoNotMatter) {
 TEST(ClientReply, TextsAreDecoded) {
   expectOutcomes(
       {{TOKEN, R"({"status":"ok","token":"a\/b+c=="})", ok("a/b+c==")},
-       {TOKEN, R"({"status":"ok","token":""})", ok("")},
        {ID, R"({"status":"ok","certificate_id":"\u0041\"\\\n\ud83d\ude00"})", ok("A\"\\\n\xf0\x9f\x98\x80")},
        {ID, "{\"status\":\"ok\",\"certificate_id\":\"\x01\t\xff\xc3\"}", ok("\x01\t\xff\xc3")},
        {NONE, R"({"status":"error","message":"unsupported request: a\/b"})", refused("unsupported request: a/b")},
        {NONE, "{\"status\":\"error\",\"message\":\"\x1b\x80\"}", refused("\x1b\x80")}});
+}
+
+TEST(ClientReply, EmptyResultIsNone) {
+  expectOutcomes({{TOKEN, R"({"status":"ok","token":""})", MALFORMED},
+                  {ID, R"({"status":"ok","certificate_id":""})", MALFORMED}});
 }
 
 TEST(ClientReply, DiscoveryDataIsGivenByteByByte) {

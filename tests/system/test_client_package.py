@@ -5,7 +5,7 @@ import re
 
 import pytest
 
-from support.client_command import Outcome, run, success
+from support.client_command import ClientCommand, Outcome, run, success
 from support.client_package import CLIENT, PROJECT, ClientBuild, must, warns_or_fails
 
 EXAMPLE = PROJECT / "docs" / "examples" / "token.c"
@@ -83,6 +83,18 @@ def test_installed_texts_are_the_sources(installed):
 
 def test_installed_command(tree, service):
     assert run([tree.prefix / "bin/sso-client", "--port", service.api.port, "ping"]) == success("ready")
+
+
+# --- the installed command within a limit that a sanitizer's build could not keep
+
+@pytest.fixture(scope="module")
+def installed_command(installed):
+    return ClientCommand(str(installed.prefix / "bin" / "sso-client"))
+
+
+def test_command_takes_little_memory(installed_command, service):
+    script = f"ulimit -v 10000; sso-client --config {service.configuration_path} certificate-id"
+    assert installed_command.in_bash(script, 1) == success("device-0001")
 
 
 # --- the binaries

@@ -174,4 +174,5 @@ def test_page_has_the_message_about_no_connection(client, page, world):
 def expect_message(page, stderr, port):
     message = stderr.removeprefix("sso-client: ").strip()
     assert message
-    assert message.replace(f"port {port}", "port N").replace("0.3 seconds", "SECONDS seconds") in page
+    assert message.replace(f"port {port}", "port N").replace("0.3 seconds", "SECONDS seconds").replace(
+        "N: Connection refused", "N: REASON") in page

@@ -196,6 +196,10 @@ def test_configuration_that_cannot_be_read(client, bystander, tmp_path, name, re
                        f"configuration file {path} cannot be read: {reason}")
 
 
+def test_configuration_that_does_not_end(client, bystander):
+    expect_usage_error(client, bystander, ["--config", "/dev/zero", "ping"], "configuration file /dev/zero is too long")
+
+
 def test_configuration_in_a_pipe_that_nobody_writes(client, bystander, tmp_path):
     path = tmp_path / "pipe"
     os.mkfifo(path)
