@@ -90,8 +90,8 @@ TEST(ClientReply, TextsAreDecoded) {
 }
 
 TEST(ClientReply, EmptyResultIsNone) {
-  expectOutcomes({{TOKEN, R"({"status":"ok","token":""})", MALFORMED},
-                  {ID, R"({"status":"ok","certificate_id":""})", MALFORMED}});
+  expectOutcomes(
+      {{TOKEN, R"({"status":"ok","token":""})", MALFORMED}, {ID, R"({"status":"ok","certificate_id":""})", MALFORMED}});
 }
 
 TEST(ClientReply, DiscoveryDataIsGivenByteByByte) {
