@@ -3,7 +3,9 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <string>
 #include <thread>
@@ -105,6 +107,22 @@ TEST_F(ClientTimeLimit, HoldsEvenIfTheReplyIsThere) {
     std::this_thread::sleep_for(test::SHORT_LIMIT);
   };
   expectTimeOut(hasty.port());
+}
+
+/// What was ready a moment ago is not any more: that is no failure, but has to be waited for.
+TEST_F(ClientTimeLimit, EndsTheWaitForRoomThatWasTakenAgain) {
+  test::ScriptedServer hasty([](const std::string&) { return true; });
+  hasty.answer({silence()});
+  test::WatchedCalls calls;
+  bool isFull = false;
+  calls.beforeSend = [&](int socket) {
+    const std::string filling(64 * 1024, 'x');
+    while (::write(socket, filling.data(), filling.size()) > 0) {
+    }
+    isFull = errno == EAGAIN;
+  };
+  expectTimeOut(hasty.port());
+  EXPECT_TRUE(isFull);
 }
 
 TEST_F(ClientTimeLimit, IsNotWaitedForWhenTheReplyIsThere) {
