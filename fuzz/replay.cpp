@@ -35,7 +35,7 @@ std::vector<fs::path> filesIn(const fs::path& path) {
 
 void run(const fs::path& file) {
   std::fprintf(stderr, "%s\n", file.c_str());
-  const std::size_t size = fs::file_size(file);
+  const auto size = static_cast<std::size_t>(fs::file_size(file));
   // Exactly as large as the input, so that the address sanitizer sees a read behind its end.
   const std::unique_ptr<char[]> input(new char[size]);
   if (!std::ifstream(file, std::ios::binary).read(input.get(), static_cast<std::streamsize>(size))) {

@@ -31,6 +31,19 @@ need() {
   as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends "${missing[@]}"
 }
 
+# The Debian mirror that this machine's apt uses, for roots of other releases and architectures.
+debian_mirror() {
+  local release mirror=${SSO_DEBIAN_MIRROR:-}
+  release=$(. /etc/os-release && echo "$VERSION_CODENAME")
+  [ -n "$mirror" ] || mirror=$(apt-get indextargets --format '$(REPO_URI)' 'Created-By: Packages' 'Component: main' \
+    "Release: $release" | head -n 1)
+  [ -n "$mirror" ] || fail "apt knows no Debian mirror: run apt-get update, or set SSO_DEBIAN_MIRROR"
+  echo "$mirror"
+}
+
+# Where roots of other releases and architectures are kept between runs.
+cache=${SSO_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/sso-discovery-service}
+
 need_build_tools() {
   need g++=g++ cmake=cmake ninja=ninja-build @libcurl4-openssl-dev @libssl-dev @libjwt-dev
 }

@@ -115,7 +115,7 @@ TEST_F(DiscoveryDecryptionTest, OtherMembersOfTheReplyAreIgnored) {
 
 TEST_F(DiscoveryDecryptionTest, BlocksAreJoinedInOrderWithNothingBetween) {
   const std::string payload = discoveryPayload(WELL_KNOWN);
-  for (const std::size_t first : {1UL, 2UL, 40UL, payload.size() - 1}) {
+  for (const std::size_t first : {std::size_t{1}, std::size_t{2}, std::size_t{40}, payload.size() - 1}) {
     answerBlocks({payload.substr(0, first), payload.substr(first)});
     EXPECT_EQ(failure(), "nothing");
     EXPECT_EQ(discovery.getDiscoveryData(), payload);

@@ -12,6 +12,7 @@
 #include <openssl/pem.h>
 
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <map>
 #include <memory>
@@ -121,7 +122,9 @@ class builder {
       require(jwt_add_grant(token.get(), claim.first, claim.second.c_str()), "failed to set a claim");
     }
     for (const auto& claim : dates) {
-      require(jwt_add_grant_int(token.get(), claim.first, claim.second), "failed to set a date claim");
+      // Not jwt_add_grant_int, which takes a long: 32 bits are too few for times after 2038.
+      const std::string json = "{\"" + std::string(claim.first) + "\":" + std::to_string(claim.second) + "}";
+      require(jwt_add_grants_json(token.get(), json.c_str()), "failed to set a date claim");
     }
     const std::string& key = algorithm.private_key_pem();
     require(jwt_set_alg(token.get(), JWT_ALG_RS256, reinterpret_cast<const unsigned char*>(key.c_str()),
@@ -148,13 +151,13 @@ class builder {
   }
 
   builder& set_date(const char* claim, const date& time) {
-    dates[claim] = static_cast<long>(std::chrono::system_clock::to_time_t(time));
+    dates[claim] = std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count();
     return *this;
   }
 
   std::string token_type;
   std::map<const char*, std::string> texts;
-  std::map<const char*, long> dates;
+  std::map<const char*, std::int64_t> dates;
 };
 
 inline builder create() {

@@ -24,7 +24,7 @@ using test::send;
 using test::silence;
 using test::stream;
 
-constexpr std::size_t MEBIBYTE = 1024 * 1024;
+constexpr unsigned long MEBIBYTE = 1024 * 1024;
 const Outcome CLOSED = test::only(SSOCLIENT_CONNECTION_CLOSED);
 const Outcome MALFORMED = test::only(SSOCLIENT_MALFORMED_REPLY);
 

@@ -130,9 +130,9 @@ TEST(JsonEntry, ReadsVectors) {
 
 TEST(JsonEntry, VectorOfWhatIsNoArrayThrows) {
   jobject object = jobject::parse("{\"n\":1,\"o\":{}}");
-  EXPECT_THROW(static_cast<std::vector<int>>(object["n"]), json::parsing_error);
-  EXPECT_THROW(static_cast<std::vector<double>>(object["o"]), json::parsing_error);
-  EXPECT_THROW(static_cast<std::vector<char>>(object["missing"]), json::invalid_key);
+  EXPECT_THROW(static_cast<void>(static_cast<std::vector<int>>(object["n"])), json::parsing_error);
+  EXPECT_THROW(static_cast<void>(static_cast<std::vector<double>>(object["o"])), json::parsing_error);
+  EXPECT_THROW(static_cast<void>(static_cast<std::vector<char>>(object["missing"])), json::invalid_key);
 }
 
 TEST(JsonEntry, TypeTests) {

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <functional>
@@ -38,7 +39,7 @@ class LogMessage : public testing::Test {
 };
 
 TEST(LogDeathTest, BeforeAnySettingAllLevelsGoToStandardOutputWithoutTimes) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");  // a process whose log nobody has touched
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";  // a process whose log nobody has touched
   const auto action = [] {
     static_cast<void>(std::fflush(stdout));
     ::dup2(STDERR_FILENO, STDOUT_FILENO);
@@ -138,14 +139,14 @@ TEST_F(LogMessage, TimePrefixEndsInTheMillisecondsOfTheRealClock) {
   const auto milliseconds = [] {
     std::timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
-    return now.tv_sec * 1000L + now.tv_nsec / 1000000L;
+    return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
   };
-  const long before = milliseconds();
+  const std::int64_t before = milliseconds();
   const std::string line = logged([] { log_message("a", 1, LOG_LEVEL_ERROR, "text"); }, LOG_LEVEL_INFO, 1);
-  const long after = milliseconds();
+  const std::int64_t after = milliseconds();
   ASSERT_GE(line.size(), 12U);
   const long printed = std::stol(line.substr(9, 3));
-  const long elapsed = (printed - before % 1000 + 1000) % 1000;
+  const std::int64_t elapsed = (printed - before % 1000 + 1000) % 1000;
   EXPECT_LE(elapsed, after - before) << line;
 }
 

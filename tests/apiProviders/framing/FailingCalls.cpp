@@ -19,6 +19,8 @@ struct Failure {
 
 thread_local std::map<Call, Failure> armed;
 
+thread_local int backlogOfLastListen = -1;
+
 std::optional<int> takeFailure(Call call) {
   const auto found = armed.find(call);
   if (found == armed.end()) {
@@ -41,6 +43,10 @@ void failNext(Call call, int result, int reason) {
   armed[call] = {result, reason};
 }
 
+int lastBacklog() {
+  return backlogOfLastListen;
+}
+
 NoNewDescriptors::NoNewDescriptors() {
   ::getrlimit(RLIMIT_NOFILE, &before);
   rlimit none = before;
@@ -58,6 +64,7 @@ int setsockopt(int socket, int level, int option, const void* value, socklen_t l
 }
 
 int listen(int socket, int backlog) noexcept {
+  test::backlogOfLastListen = backlog;
   const std::optional<int> failure = test::takeFailure(test::Call::LISTEN);
   return failure ? *failure : test::original<decltype(listen)>("listen")(socket, backlog);
 }

@@ -10,6 +10,9 @@ enum class Call { SETSOCKOPT, LISTEN, SEND };
 /// Lets the calling thread's next such call return this, with this errno, instead of doing anything.
 void failNext(Call call, int result, int reason);
 
+/// The backlog of the calling thread's last listen; -1 before any.
+int lastBacklog();
+
 /// While it exists the process gets no new descriptor.
 class NoNewDescriptors {
  public:
