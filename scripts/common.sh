@@ -48,6 +48,10 @@ need_build_tools() {
   need g++=g++ cmake=cmake ninja=ninja-build @libcurl4-openssl-dev @libssl-dev @libjwt-dev
 }
 
+need_armhf() {
+  need clang=clang ld.lld=lld llvm-strip=llvm qemu-arm=qemu-user cmake=cmake ninja=ninja-build
+}
+
 # What the unit and system tests need beyond that.
 need_tests() {
   need @libgtest-dev @libgmock-dev @libcpp-httplib-dev @python3 @python3-pytest @python3-cryptography \
@@ -133,6 +137,17 @@ suite() {
   fi
   rm -f "$stamp"
   count_tests "$label" "$@" && echo "$sum $(tail -n 1 "$SSO_TEST_COUNTS" | cut -d' ' -f1)" >"$stamp"
+}
+
+# step LABEL COMMAND...: a check that counts as one test.
+step() {
+  local label=$1
+  shift
+  say "$label"
+  if "$@"; then echo "1 0" >>"$SSO_TEST_COUNTS"; else
+    echo "FAILED: $label"
+    echo "0 1" >>"$SSO_TEST_COUNTS"
+  fi
 }
 
 # system_tests EXECUTABLE [PYTEST-ARGUMENT...]
