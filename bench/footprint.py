@@ -18,12 +18,15 @@ import tempfile
 sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "tests/system"))
 
 from support.device import Device  # noqa: E402
+from support.fake_cloud import TOKEN_PATH  # noqa: E402
+from support.http_server import Reply  # noqa: E402
 from support.world import World  # noqa: E402
 
 LARGEST_PROGRAM = 350 * 1024
 THREAD_STACK = 256 * 1024  # as src/util/ThreadStacks.h says
 PAGE = os.sysconf("SC_PAGE_SIZE")
 CACHED_REQUESTS = 200
+TOKEN = "eyJhbGciOiJSUzI1NiJ9." + "x" * 600 + "." + "y" * 342  # as long as a signed JWT with a few claims
 
 
 def main(program, plugin, *emulator):
@@ -58,14 +61,20 @@ def libraries(program):
     return re.findall(r"Shared library: \[(.*?)\]", text.stdout)
 
 
+def new_cloud(world):
+    cloud = world.new_cloud()
+    cloud.script(TOKEN_PATH, Reply(200, {"access_token": TOKEN, "token_type": "Bearer", "expires_in": 3600}))
+    return cloud
+
+
 def get_token(service):
-    assert service.api.request("token", scope="telemetry")["status"] == "ok"
+    assert service.api.request("token", scope="telemetry") == {"status": "ok", "token": TOKEN}
 
 
 def heap_peak(world, emulator, requests):
     """The most that malloc and its kin had given out at one time, from start to end (glibc's libmemusage.so)."""
     preload = "LD_PRELOAD=libmemusage.so"
-    service = world.start_ready(world.new_cloud(), "error",
+    service = world.start_ready(new_cloud(world), "error",
                                 wrapper=[*emulator, "-E", preload] if emulator else ["env", preload])
     service.expected_stderr = re.compile(".*", re.S)
     for _ in range(requests):
@@ -78,8 +87,8 @@ def stacks(world, emulator):
     """How much each thread has touched of its stack, to a page, after one token request: the main thread, the others.
 
     A stack is what follows a guard page. The main thread's has a name, or, emulated, the size of its limit."""
-    cloud = world.new_cloud()
-    # A name instead of an address: libcurl starts a thread to look it up (before 7.78, after that it knows this one).
+    cloud = new_cloud(world)
+    # A name instead of an address: libcurl starts a thread to look it up, unless it knows this one itself.
     service = world.start(world.document(cloud.discovery_url.replace("127.0.0.1", "localhost"), level="error"),
                           wrapper=emulator).wait_ready()
     get_token(service)
@@ -117,7 +126,7 @@ def touched(process, begin, end):
 def instructions(world, folder, plugin, emulator):
     """Those of one request for a token that is in the cache, waiting for the next one included."""
     counter = folder / "count"
-    service = world.start_ready(world.new_cloud(), "error",
+    service = world.start_ready(new_cloud(world), "error",
                                 wrapper=[*emulator, "-plugin", f"{plugin},count={counter}"])
 
     def count_after(requests):

@@ -78,6 +78,14 @@ build() {
   cmake --build "build/$preset" -- ${1:+"$@"}
 }
 
+# start_counting: counts begin at nothing, unless a script that calls this one has begun before.
+start_counting() {
+  mkdir -p build
+  [ -z "${SSO_TEST_COUNTS:-}" ] || return 0
+  export SSO_TEST_COUNTS=build/$(basename "$0")-counts
+  : >"$SSO_TEST_COUNTS"
+}
+
 # count_tests LABEL COMMAND...: runs one test program and counts. What it prints goes to build/test-logs/LABEL.log and,
 # when something failed, to standard output too. Prints "LABEL: N passed, N failed" and adds "N N" to the file
 # SSO_TEST_COUNTS. Knows the closing lines of GoogleTest, pytest and node's test runner; a program that ends with a
