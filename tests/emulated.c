@@ -1,5 +1,5 @@
-/* Runs PROGRAM, which is for 32-bit ARM, in qemu-arm with the libraries of ROOT. It passes on the name under which it was
-   called itself, which a shell script could not: the service prints that name, and death tests execute it again. */
+/* Runs PROGRAM, which is for 32-bit ARM, in qemu-arm with the libraries of ROOT. It passes on the name under which it
+   was called itself, which a shell script could not: the service prints that name, and death tests execute it again. */
 #include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
