@@ -43,7 +43,8 @@ def main(program, plugin, *emulator):
             print(f"heap peak with one token request: {heap_peak(world, emulator, 1)} bytes")
             main_stack, *other_stacks = stacks(world, emulator)
             print(f"stack peak of the main thread: {main_stack} bytes")
-            print(f"stack peaks of the other threads: {other_stacks} of {THREAD_STACK} bytes")
+            print(f"stack of each other thread: {THREAD_STACK} bytes")
+            print(f"stack peaks of the other threads: {', '.join(map(str, other_stacks))} bytes")
             print(f"instructions per cached request: {instructions(world, folder, plugin, emulator or ['qemu-x86_64'])}")
         finally:
             world.close()

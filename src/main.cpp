@@ -27,7 +27,7 @@ int main(int argc, char** argv) {
   const std::string configPath = argv[1];
   occupyStandardDescriptors();
   takeStopSignals();
-  static_cast<void>(limitThreadStacks());  // larger stacks are no harm
+  limitThreadStacks();
   // API threads may be inside OpenSSL when the process ends: nothing may be taken from under them.
   OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
   readLoggingSettings(configPath);

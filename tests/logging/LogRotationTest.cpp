@@ -32,7 +32,9 @@ class LogRotation : public testing::Test {
   std::size_t fileCount() const { return directory.names().size(); }
   std::string read(std::size_t index) const { return directory.read(directory.names().at(index)); }
   std::string newest() const { return directory.names().back(); }
-  std::size_t newestSize() const { return static_cast<std::size_t>(std::filesystem::file_size(directory.file(newest()))); }
+  std::size_t newestSize() const {
+    return static_cast<std::size_t>(std::filesystem::file_size(directory.file(newest())));
+  }
 
   /// Fills the file with 99 lines and a last one so that it is this large.
   void writeHundredLines(std::size_t size) {
