@@ -7,15 +7,14 @@ set(SSO_CONFIG_DIR ${CMAKE_INSTALL_FULL_SYSCONFDIR}/sso-discovery-service)
 set(SSO_DEFAULTS_FILE ${CMAKE_INSTALL_FULL_SYSCONFDIR}/default/sso-discovery-service)
 set(SSO_HELPER_DIR ${CMAKE_INSTALL_FULL_LIBEXECDIR}/sso-discovery-service)
 
-# The files of packaging/ name paths of the device; DESTDIR does not touch those, another prefix at install time would.
+# The files of packaging/ name paths of the device. Those stay right with DESTDIR, but not with another prefix.
 install(CODE "
   if(NOT CMAKE_INSTALL_PREFIX STREQUAL \"${CMAKE_INSTALL_PREFIX}\")
     message(FATAL_ERROR \"The service's files name ${CMAKE_INSTALL_PREFIX}. \"
       \"Configure with -DCMAKE_INSTALL_PREFIX=\${CMAKE_INSTALL_PREFIX}, or set DESTDIR.\")
   endif()" COMPONENT service)
 
-# sso_install(KIND SOURCE DESTINATION): a file of packaging/, with the paths of this installation in it. KIND is FILES or
-# PROGRAMS.
+# sso_install(FILES|PROGRAMS SOURCE DESTINATION): a file of packaging/, with the paths of this installation in it.
 function(sso_install kind source destination)
   string(REGEX REPLACE "\\.in$" "" name ${source})
   configure_file(packaging/${source} packaging/${name} @ONLY)

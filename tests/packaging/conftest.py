@@ -8,7 +8,7 @@ import pytest
 
 from support.emulation import emulation
 from support.packages import Packages
-from support.root import RELEASES, Root
+from support.root import RELEASES, Root, root_folder
 
 
 def pytest_configure():
@@ -31,9 +31,9 @@ def architecture(packages):
 
 
 @pytest.fixture
-def root(architecture, tmp_path):
+def root(architecture):
     """A fresh root without the packages, which has what they depend on."""
-    with Root(tmp_path / "root", architecture) as result:
+    with root_folder() as folder, Root(folder / "root", architecture) as result:
         yield result
 
 
@@ -45,8 +45,8 @@ def installed(root, packages):
 
 
 @pytest.fixture(scope="module")
-def installed_once(architecture, packages, tmp_path_factory):
-    """The same for the tests of one module that only look at it."""
-    with Root(tmp_path_factory.mktemp("installed") / "root", architecture) as result:
+def installed_once(architecture, packages):
+    """The same for the tests of one module that leave it as it is."""
+    with root_folder() as folder, Root(folder / "root", architecture) as result:
         packages.install(result)
         yield result

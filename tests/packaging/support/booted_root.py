@@ -30,6 +30,7 @@ mount -t tmpfs -o mode=1777 tmpfs dev/shm
 mount -t devpts -o newinstance,ptmxmode=666 devpts dev/pts
 pivot_root . mnt
 umount --lazy /mnt
+mount --make-rshared /
 exec unshare --cgroup sh -c 'mount -t cgroup2 cgroup2 /sys/fs/cgroup && exec env -i container=root \\
   PATH=/usr/sbin:/usr/bin:/sbin:/bin /lib/systemd/systemd --system --unit=multi-user.target --show-status=no'
 """

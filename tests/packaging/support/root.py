@@ -1,13 +1,14 @@
 """Throw-away Debian roots: made by mmdebstrap, kept as tar files in the cache, unpacked fresh for each use.
 
-    with emulation("armhf"), Root(tmp_path / "root", "armhf") as root:
+    with emulation("armhf"), root_folder() as folder, Root(folder / "root", "armhf") as root:
         root.run("dpkg", "-i", root.take(package))
 """
 
+import contextlib
 import hashlib
 import os
+import shutil
 import subprocess
-import sys
 import tempfile
 from pathlib import Path
 
@@ -18,10 +19,11 @@ RELEASES = {"amd64": "bookworm", "armhf": "bullseye"}
 _PROJECT = Path(__file__).resolve().parents[3]
 # What the packages depend on, so that they can be installed without a mirror.
 _DEPENDENCIES = ("adduser", "ca-certificates", "libcurl4", "libjwt0", "libstdc++6")
-# The first process of the root. It ends nothing by itself; the kernel reaps what is left to it.
+# The first process of the root: a shell that waits, and so reaps what is left to it.
 _FIRST_PROCESS = ('mount -t proc proc "$1/proc" && mount --rbind /dev "$1/dev" && : >"$2" && '
-                  'trap "" CHLD && exec sleep infinity')
+                  '{ sleep infinity & wait; }')
 _DEADLINE_SECONDS = 300
+_ENOUGH_MEMORY = 2 << 30
 
 
 def root_archive(architecture, packages=()):
@@ -39,6 +41,16 @@ def root_archive(architecture, packages=()):
             subprocess.run([*command, made, f"deb {mirror} {release} main"], check=True, timeout=900)
             made.rename(path)
     return path
+
+
+@contextlib.contextmanager
+def root_folder():
+    """A temporary folder for a root: in memory if there is enough, where a root is unpacked ten times as fast."""
+    memory = Path("/dev/shm")
+    suits = (memory.is_mount() and not os.statvfs(memory).f_flag & os.ST_NOEXEC and
+             shutil.disk_usage(memory).free > _ENOUGH_MEMORY)
+    with tempfile.TemporaryDirectory(prefix="pkg-", dir=memory if suits else None) as folder:
+        yield Path(folder)
 
 
 def clean_environment():

@@ -1,11 +1,8 @@
-"""The installed service under systemd: a booted root, the real local cloud and a name server in one network namespace."""
+"""The installed service under systemd, in a booted root."""
 
 import json
-import os
 import re
-from pathlib import Path
 
-from .client_command import ClientCommand
 from .installed_service import CONFIGURATION
 from .waiting import wait_until
 
@@ -72,7 +69,7 @@ class SystemdService:
         return re.search(rf"^{name}:\s*(.*)$", text, re.M).group(1).split()
 
     def kill(self, signal):
-        self.root.run("kill", f"-{signal}", self.process)
+        self.systemctl("kill", "--kill-whom=main", f"--signal={signal}")
 
     def restart(self):
         """From the beginning, whatever was before; a fresh part of the journal begins."""

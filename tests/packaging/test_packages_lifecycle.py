@@ -1,0 +1,184 @@
+"""What upgrade, removal and purge leave, and what the packages' scripts ask of systemd or of an init script."""
+
+import os
+import re
+
+import pytest
+
+from support.installed_service import CONFIGURATION, STATE, USER
+from support.snapshot import differences, snapshot
+
+SERVICE = "sso-discovery-service"
+CHANGED = '{"sso": "changed by the integrator"}\n'
+INIT_SCRIPT = f"""#!/bin/sh
+### BEGIN INIT INFO
+# Provides:          {SERVICE}
+# Required-Start:
+# Required-Stop:
+# Default-Start:     2 3 4 5
+# Default-Stop:      0 1 6
+### END INIT INFO
+echo "$@" >>/calls
+"""
+# Answers as if everything were enabled and running.
+SYSTEMCTL = """#!/bin/sh
+echo "$@" >>/calls
+case "$*" in *is-enabled*) echo enabled ;; *"start "*) exit %d ;; esac
+"""
+
+
+def write_program(root, name, text):
+    path = root.path(name)
+    path.parent.mkdir(parents=True, exist_ok=True)
+    path.write_text(text)
+    path.chmod(0o755)
+
+
+def calls(root):
+    """What was asked of systemctl or the init script since the last time, without the service's name."""
+    path = root.path("/calls")
+    lines = path.read_text().splitlines() if path.exists() else []
+    path.unlink(missing_ok=True)
+    actions = [re.sub(rf" {SERVICE}(\.service)?$", "", line).split()[-1] for line in lines]
+    return [action for action in actions if action in ("start", "restart", "stop")]
+
+
+def purge(root):
+    root.run("dpkg", "--purge", "sso-discovery-service", "sso-client", "libssoclient-dev", "libssoclient1")
+
+
+@pytest.fixture
+def newer(packages, tmp_path):
+    return packages.with_version("1.0.0+test1", tmp_path / "newer")
+
+
+@pytest.fixture
+def with_systemd(root):
+    """A root in which systemd seems to run."""
+    root.path("/run/systemd/system").mkdir(parents=True)
+    write_program(root, "/usr/bin/systemctl", SYSTEMCTL % 0)
+    return root
+
+
+@pytest.fixture
+def with_init_script(root):
+    """A device with another init, in runlevel 2, whose integrator has installed an init script."""
+    write_program(root, "/sbin/init", "#!/bin/sh\n")
+    write_program(root, "/sbin/runlevel", "#!/bin/sh\necho N 2\n")
+    write_program(root, f"/etc/init.d/{SERVICE}", INIT_SCRIPT)
+    root.run("update-rc.d", SERVICE, "defaults")
+    return root
+
+
+def test_purge_leaves_nothing(root, packages):
+    before, records = snapshot(root), root.run("dpkg-query", "--list").stdout
+    packages.install(root)
+    root.run("install", "-d", "-o", USER, "-g", USER, "-m", "0700", STATE)
+    root.run("install", "-o", USER, "-g", USER, "-m", "0600", "/dev/null", f"{STATE}/device-0001")
+    assert differences(before, snapshot(root)) != []
+    purge(root)
+    assert differences(before, snapshot(root)) == []
+    assert root.run("dpkg-query", "--list").stdout == records
+
+
+def test_purge_after_removal_leaves_nothing(root, packages):
+    before = snapshot(root)
+    packages.install(root)
+    root.run("dpkg", "--remove", SERVICE)
+    purge(root)
+    assert differences(before, snapshot(root)) == []
+
+
+def test_purge_leaves_the_integrators_files_to_root_alone(installed):
+    """The group's number may be given to another group afterwards."""
+    for name, mode in (("device.key", 0o640), ("device.crt", 0o644)):
+        path = installed.path(f"/etc/{SERVICE}/{name}")
+        path.write_text(name)
+        path.chmod(mode)
+        installed.run("chown", f"root:{USER}", f"/etc/{SERVICE}/{name}")
+    purge(installed)
+    assert installed.run("sh", "-c", f"cd /etc/{SERVICE} && stat --format '%n %U:%G %a' *").stdout.splitlines() == [
+        "device.crt root:root 644", "device.key root:root 640"]
+    assert installed.run("getent", "passwd", USER, check=False).returncode == 2
+    assert installed.run("getent", "group", USER, check=False).returncode == 2
+    assert installed.path(f"/etc/{SERVICE}/device.key").read_text() == "device.key"
+
+
+def test_purge_without_adduser_leaves_only_the_user(installed):
+    installed.run("dpkg", "--remove", SERVICE)
+    installed.run("dpkg", "--force-depends", "--remove", "adduser")
+    purge(installed)
+    assert not installed.path(f"/etc/{SERVICE}").exists()
+    assert installed.run("getent", "passwd", USER).returncode == 0
+
+
+def test_removal_keeps_configuration_state_and_user(installed):
+    installed.path(CONFIGURATION).write_text(CHANGED)
+    installed.run("install", "-d", "-o", USER, "-g", USER, "-m", "0700", STATE)
+    installed.run("dpkg", "--remove", SERVICE)
+    assert not installed.path(f"/usr/sbin/{SERVICE}").exists()
+    assert installed.path(CONFIGURATION).read_text() == CHANGED
+    assert installed.run("stat", "--format", "%U:%G %a", STATE).stdout == f"{USER}:{USER} 700\n"
+
+
+def test_installation_after_removal_finds_everything_again(installed, packages):
+    number = installed.run("id", "--user", USER).stdout
+    installed.path(CONFIGURATION).write_text(CHANGED)
+    installed.run("dpkg", "--remove", SERVICE)
+    packages.install(installed)
+    assert installed.path(CONFIGURATION).read_text() == CHANGED
+    assert installed.run("id", "--user", USER).stdout == number
+
+
+def test_upgrade_with_a_new_sample_keeps_the_changed_configuration(installed, packages, tmp_path):
+    def change_sample(name, tree):
+        if name == SERVICE:
+            sample = tree / CONFIGURATION.lstrip("/")
+            sample.write_text(sample.read_text().replace("warning", "error"))
+    installed.path(CONFIGURATION).write_text(CHANGED)
+    packages.with_version("1.0.0+test1", tmp_path / "newer", change_sample).install(installed, "--force-confold")
+    assert installed.path(CONFIGURATION).read_text() == CHANGED
+    assert '"error"' in installed.path(CONFIGURATION + ".dpkg-dist").read_text()
+    purge(installed)
+    assert not installed.path(f"/etc/{SERVICE}").exists()
+
+
+def test_systemd_is_asked_to_start_restart_and_stop(with_systemd, packages, newer):
+    packages.install(with_systemd)
+    assert calls(with_systemd) == ["start"]
+    newer.install(with_systemd)
+    assert calls(with_systemd) == ["restart"]
+    with_systemd.run("dpkg", "--remove", SERVICE)
+    assert calls(with_systemd) == ["stop"]
+
+
+def test_purge_with_systemd_leaves_nothing(with_systemd, packages):
+    before = snapshot(with_systemd)
+    packages.install(with_systemd)
+    purge(with_systemd)
+    calls(with_systemd)
+    assert differences(before, snapshot(with_systemd)) == []
+
+
+@pytest.mark.parametrize("hindrance", ["policy", "failing systemctl"])
+def test_installation_does_not_fail_where_services_cannot_be_started(with_systemd, packages, newer, hindrance):
+    if hindrance == "policy":
+        write_program(with_systemd, "/usr/sbin/policy-rc.d", "#!/bin/sh\nexit 101\n")
+    else:
+        write_program(with_systemd, "/usr/bin/systemctl", SYSTEMCTL % 1)
+    packages.install(with_systemd)
+    newer.install(with_systemd)
+    assert with_systemd.run("dpkg", "--audit").stdout == ""
+    assert calls(with_systemd) == ([] if hindrance == "policy" else ["start", "restart"])
+    with_systemd.run("dpkg", "--remove", SERVICE)
+
+
+def test_init_script_of_the_integrator_is_asked_to_restart_and_stop(with_init_script, packages, newer):
+    packages.install(with_init_script)
+    assert calls(with_init_script) == ["restart"]
+    newer.install(with_init_script)
+    assert calls(with_init_script) == ["restart"]
+    with_init_script.run("dpkg", "--remove", SERVICE)
+    assert calls(with_init_script) == ["stop"]
+    purge(with_init_script)
+    assert os.path.exists(with_init_script.path(f"/etc/init.d/{SERVICE}"))
