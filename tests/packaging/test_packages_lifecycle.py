@@ -89,19 +89,15 @@ def test_purge_after_removal_leaves_nothing(root, packages):
     assert differences(before, snapshot(root)) == []
 
 
-def test_purge_leaves_the_integrators_files_to_root_alone(installed):
-    """The group's number may be given to another group afterwards."""
-    for name, mode in (("device.key", 0o640), ("device.crt", 0o644)):
-        path = installed.path(f"/etc/{SERVICE}/{name}")
-        path.write_text(name)
-        path.chmod(mode)
-        installed.run("chown", f"root:{USER}", f"/etc/{SERVICE}/{name}")
-    purge(installed)
-    assert installed.run("sh", "-c", f"cd /etc/{SERVICE} && stat --format '%n %U:%G %a' *").stdout.splitlines() == [
-        "device.crt root:root 644", "device.key root:root 640"]
-    assert installed.run("getent", "passwd", USER, check=False).returncode == 2
-    assert installed.run("getent", "group", USER, check=False).returncode == 2
-    assert installed.path(f"/etc/{SERVICE}/device.key").read_text() == "device.key"
+def test_purge_takes_the_key_and_the_log_but_not_what_a_link_leads_to(root, packages):
+    root.path("/srv/device.crt").write_text("certificate")
+    before = snapshot(root)
+    packages.install(root)
+    root.path(f"/etc/{SERVICE}/device.key").write_text("key")
+    root.path(f"/etc/{SERVICE}/device.crt").symlink_to("/srv/device.crt")
+    root.path(f"/var/log/{SERVICE}.log").write_text("LOG START")
+    purge(root)
+    assert differences(before, snapshot(root)) == []
 
 
 def test_purge_without_adduser_leaves_only_the_user(installed):

@@ -54,8 +54,8 @@ def root_folder():
 
 
 def clean_environment():
-    return {"PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/root", "LC_ALL": "C.UTF-8",
-            "DEBIAN_FRONTEND": "noninteractive"}
+    return {"PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/root",
+            "LC_ALL": "C.UTF-8", "DEBIAN_FRONTEND": "noninteractive"}
 
 
 class Root:
