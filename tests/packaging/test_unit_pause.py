@@ -142,6 +142,18 @@ def test_folder_that_cannot_be_used_is_no_failure(unit, runtime):
         unit.end(RUNTIME_DIRECTORY=runtime)
 
 
+@pytest.mark.parametrize("name", ["failures", "started"])
+@pytest.mark.parametrize("make", [os.mkfifo, os.mkdir, lambda path: os.symlink("/dev/zero", path)],
+                         ids=["pipe", "folder", "endless device"])
+def test_record_that_is_no_file_holds_nothing_up(unit, name, make):
+    pauses(unit, 2)
+    (unit.runtime / name).unlink(missing_ok=True)
+    make(unit.runtime / name)
+    assert unit.start() == (0 if name == "failures" else 2)
+    unit.end()
+    assert unit.start() <= 4
+
+
 def test_full_folder_is_no_failure(unit):
     """Nothing can be written; what was on record is lost."""
     pauses(unit, 3)
