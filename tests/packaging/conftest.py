@@ -7,6 +7,7 @@ import signal
 import pytest
 
 from support.emulation import emulation
+from support.node_cloud import MadeDevice, NodeCloud
 from support.packages import Packages
 from support.root import RELEASES, Root, root_folder
 
@@ -50,3 +51,16 @@ def installed_once(architecture, packages):
     with root_folder() as folder, Root(folder / "root", architecture) as result:
         packages.install(result)
         yield result
+
+
+@pytest.fixture(scope="module")
+def device(tmp_path_factory):
+    return MadeDevice(tmp_path_factory.mktemp("device"))
+
+
+@pytest.fixture(scope="module")
+def cloud(device, tmp_path_factory):
+    """The real local cloud, for that device."""
+    result = NodeCloud(device, tmp_path_factory.mktemp("cloud"), "--scope", "telemetry")
+    yield result
+    result.kill()

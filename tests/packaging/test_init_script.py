@@ -8,7 +8,6 @@ from concurrent.futures import ThreadPoolExecutor
 import pytest
 
 from support.installed_service import CONFIGURATION, STATE, USER, InstalledService
-from support.node_cloud import MadeDevice, NodeCloud
 from support.root import Root, root_folder
 from support.waiting import wait_until
 
@@ -18,18 +17,6 @@ PID_FILE = f"/run/{NAME}.pid"
 LOG = f"/var/log/{NAME}.log"
 # What the Linux Standard Base says about `status`.
 RUNNING, DIED, NOT_RUNNING = (0, f"{NAME} is running\n"), (1, f"{NAME} has died\n"), (3, f"{NAME} is not running\n")
-
-
-@pytest.fixture(scope="module")
-def device(tmp_path_factory):
-    return MadeDevice(tmp_path_factory.mktemp("device"))
-
-
-@pytest.fixture(scope="module")
-def cloud(device, tmp_path_factory):
-    result = NodeCloud(device, tmp_path_factory.mktemp("cloud"), "--scope", "telemetry")
-    yield result
-    result.kill()
 
 
 class InitScript:

@@ -43,6 +43,15 @@ def calls(root):
     return [action for action in actions if action in ("start", "restart", "stop")]
 
 
+def calls_of_a_life(root, packages, newer):
+    """What was asked by the installation, an upgrade, and the removal."""
+    def asked(action):
+        action()
+        return calls(root)
+    return [asked(lambda: packages.install(root)), asked(lambda: newer.install(root)),
+            asked(lambda: root.run("dpkg", "--remove", SERVICE))]
+
+
 def purge(root):
     root.run("dpkg", "--purge", "sso-discovery-service", "sso-client", "libssoclient-dev", "libssoclient1")
 
@@ -140,12 +149,7 @@ def test_upgrade_with_a_new_sample_keeps_the_changed_configuration(installed, pa
 
 
 def test_systemd_is_asked_to_start_restart_and_stop(with_systemd, packages, newer):
-    packages.install(with_systemd)
-    assert calls(with_systemd) == ["start"]
-    newer.install(with_systemd)
-    assert calls(with_systemd) == ["restart"]
-    with_systemd.run("dpkg", "--remove", SERVICE)
-    assert calls(with_systemd) == ["stop"]
+    assert calls_of_a_life(with_systemd, packages, newer) == [["start"], ["restart"], ["stop"]]
 
 
 def test_purge_with_systemd_leaves_nothing(with_systemd, packages):
@@ -170,11 +174,6 @@ def test_installation_does_not_fail_where_services_cannot_be_started(with_system
 
 
 def test_init_script_of_the_integrator_is_asked_to_restart_and_stop(with_init_script, packages, newer):
-    packages.install(with_init_script)
-    assert calls(with_init_script) == ["restart"]
-    newer.install(with_init_script)
-    assert calls(with_init_script) == ["restart"]
-    with_init_script.run("dpkg", "--remove", SERVICE)
-    assert calls(with_init_script) == ["stop"]
+    assert calls_of_a_life(with_init_script, packages, newer) == [["restart"], ["restart"], ["stop"]]
     purge(with_init_script)
     assert os.path.exists(with_init_script.path(f"/etc/init.d/{SERVICE}"))

@@ -9,21 +9,8 @@ import pytest
 from support.assertion import decode, signature_holds
 from support.compiler import compiler, installed_library
 from support.installed_service import CONFIGURATION, STATE, USER, InstalledService
-from support.node_cloud import MadeDevice, NodeCloud
 
 EXAMPLE = "/usr/share/doc/libssoclient-dev/examples/token.c"
-
-
-@pytest.fixture(scope="module")
-def device(tmp_path_factory):
-    return MadeDevice(tmp_path_factory.mktemp("device"))
-
-
-@pytest.fixture(scope="module")
-def cloud(device, tmp_path_factory):
-    result = NodeCloud(device, tmp_path_factory.mktemp("cloud"), "--scope", "telemetry")
-    yield result
-    result.kill()
 
 
 @pytest.fixture

@@ -10,7 +10,7 @@ from support.booted_root import BootedRoot
 from support.installed_service import CONFIGURATION, STATE, USER
 from support.name_server import NameServer
 from support.network import Network
-from support.node_cloud import MadeDevice, NodeCloud
+from support.node_cloud import MadeDevice
 from support.root import root_folder
 from support.systemd_service import NAME, SECONDS, SystemdService
 from support.waiting import wait_until
@@ -34,13 +34,6 @@ def network(architecture):
 @pytest.fixture(scope="module")
 def device(network, tmp_path_factory):
     return MadeDevice(tmp_path_factory.mktemp("device"))
-
-
-@pytest.fixture(scope="module")
-def cloud(network, device, tmp_path_factory):
-    result = NodeCloud(device, tmp_path_factory.mktemp("cloud"), "--scope", "telemetry")
-    yield result
-    result.kill()
 
 
 @pytest.fixture(scope="module")
