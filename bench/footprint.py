@@ -1,5 +1,5 @@
-"""What the service takes of a device: size, libraries, heap, stacks, instructions. Fails when it is larger than a device
-may expect.
+"""What the service takes of a device: size, libraries, heap, stacks, instructions. Fails when the program or a stack is
+larger than a device may expect.
 
     footprint.py PROGRAM PLUGIN [EMULATOR...]
 
@@ -41,14 +41,15 @@ def main(program, plugin, *emulator):
             print(f"shared libraries: {', '.join(libraries(program))}")
             print(f"heap peak until ready: {heap_peak(world, emulator, 0)} bytes")
             print(f"heap peak with one token request: {heap_peak(world, emulator, 1)} bytes")
-            main_stack, *other_stacks = stacks(world, emulator)
-            print(f"stack peak of the main thread: {main_stack} bytes")
-            print(f"stack of each other thread: {THREAD_STACK} bytes")
-            print(f"stack peaks of the other threads: {', '.join(map(str, other_stacks))} bytes")
-            print(f"instructions per cached request: {instructions(world, folder, plugin, emulator or ['qemu-x86_64'])}")
+            (_, main_peak), *others = stacks(world, emulator)
+            print(f"stack peak of the main thread: {main_peak} bytes")
+            for stack_size, peak in others:
+                print(f"stack of another thread: {stack_size} bytes, peak {peak} bytes")
+            count = instructions(world, folder, plugin, emulator or ["qemu-x86_64"])
+            print(f"instructions per cached request: {count}")
         finally:
             world.close()
-    return 0 if size <= LARGEST_PROGRAM and other_stacks else 1
+    return 0 if size <= LARGEST_PROGRAM and others and all(stack == THREAD_STACK for stack, _ in others) else 1
 
 
 def stripped_size(program, folder):
@@ -85,9 +86,10 @@ def heap_peak(world, emulator, requests):
 
 
 def stacks(world, emulator):
-    """How much each thread has touched of its stack, to a page, after one token request: the main thread, the others.
+    """Size and peak, to a page, of each thread's stack after one token request: the main thread's, then the others'.
 
-    A stack is what follows a guard page. The main thread's has a name, or, emulated, the size of its limit."""
+    A stack is what follows a guard page. The main thread's has a name, or, emulated, the size of its limit. What the
+    kernel has put behind a stack may have become one area with it: less than a stack, as a rule."""
     cloud = new_cloud(world)
     # A name instead of an address: libcurl starts a thread to look it up, unless it knows this one itself.
     service = world.start(world.document(cloud.discovery_url.replace("127.0.0.1", "localhost"), level="error"),
@@ -104,8 +106,9 @@ def stacks(world, emulator):
             if area[1] - area[0] == limit:
                 main_stack.append(area)
             elif area[1] - area[0] >= THREAD_STACK:
-                others.append((area[0], area[0] + THREAD_STACK))
-    return [touched(service.process.pid, *area[:2]) for area in [*main_stack, *others]]
+                size = (area[1] - area[0]) // THREAD_STACK * THREAD_STACK
+                others.append((area[0], area[0] + size))
+    return [(end - begin, touched(service.process.pid, begin, end)) for begin, end, *_ in [*main_stack, *others]]
 
 
 def areas(process):

@@ -27,6 +27,7 @@ sso_install(PROGRAMS systemd/restart-pause ${SSO_HELPER_DIR})
 sso_install(FILES man/sso-discovery-service.8 ${CMAKE_INSTALL_MANDIR}/man8)
 sso_install(FILES man/sso-discovery-service.json.5 ${CMAKE_INSTALL_MANDIR}/man5)
 sso_install(FILES systemd/credentials.conf ${CMAKE_INSTALL_DOCDIR}/examples)
+sso_install(FILES nftables/sso-discovery-service.nft ${CMAKE_INSTALL_DOCDIR}/examples)
 sso_install(PROGRAMS init.d/sso-discovery-service ${CMAKE_INSTALL_DOCDIR}/examples)
 
 # On the device itself, a configuration that is there already stays.

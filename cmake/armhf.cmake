@@ -16,6 +16,7 @@ endif()
 if(NOT IS_DIRECTORY ${ARMHF_ROOT}/usr/include)
   message(FATAL_ERROR "No root for 32-bit ARM in '${ARMHF_ROOT}': scripts/armhf-root makes one")
 endif()
+set(ARMHF_ROOT ${ARMHF_ROOT} CACHE PATH "Root for 32-bit ARM")  # kept when CMake runs again
 set(CMAKE_SYSROOT ${ARMHF_ROOT})
 
 set(CMAKE_C_COMPILER clang)

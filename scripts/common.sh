@@ -33,10 +33,13 @@ need() {
 
 # The Debian mirror that this machine's apt uses, for roots of other releases and architectures.
 debian_mirror() {
-  local release mirror=${SSO_DEBIAN_MIRROR:-}
+  local release name mirror=${SSO_DEBIAN_MIRROR:-}
   release=$(. /etc/os-release && echo "$VERSION_CODENAME")
-  [ -n "$mirror" ] || mirror=$(apt-get indextargets --format '$(REPO_URI)' 'Created-By: Packages' 'Component: main' \
-    "Release: $release" | head -n 1)
+  # The release as apt's sources name it, or as the mirror does.
+  for name in Release Codename; do
+    [ -n "$mirror" ] || mirror=$(apt-get indextargets --format '$(REPO_URI)' 'Created-By: Packages' 'Component: main' \
+      "$name: $release" | head -n 1)
+  done
   [ -n "$mirror" ] || fail "apt knows no Debian mirror: run apt-get update, or set SSO_DEBIAN_MIRROR"
   echo "$mirror"
 }

@@ -17,6 +17,7 @@ PREFIXES = {"/usr": "etc", "/usr/local": "usr/local/etc"}
 SERVICE = ["sbin/sso-discovery-service", "lib/systemd/system/sso-discovery-service.service",
            "libexec/sso-discovery-service/restart-pause", "share/man/man8/sso-discovery-service.8",
            "share/man/man5/sso-discovery-service.json.5", "share/doc/sso-discovery-service/examples/credentials.conf",
+           "share/doc/sso-discovery-service/examples/sso-discovery-service.nft",
            "share/doc/sso-discovery-service/examples/sso-discovery-service"]
 PROGRAMS = {"sso-discovery-service", "restart-pause"}
 UNIT = "lib/systemd/system/sso-discovery-service.service"

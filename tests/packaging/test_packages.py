@@ -75,6 +75,7 @@ def test_files(packages, trees):
             "usr/libexec/sso-discovery-service/restart-pause", "usr/sbin/sso-discovery-service",
             "usr/share/doc/sso-discovery-service/README.Debian",
             "usr/share/doc/sso-discovery-service/examples/credentials.conf",
+            "usr/share/doc/sso-discovery-service/examples/sso-discovery-service.nft",
             "usr/share/doc/sso-discovery-service/examples/sso-discovery-service",
             "usr/share/man/man5/sso-discovery-service.json.5.gz",
             "usr/share/man/man8/sso-discovery-service.8.gz"},
@@ -108,6 +109,8 @@ def test_program_is_hardened(trees, package, program):
     assert re.search(r"GNU_STACK .* RW +0", text), "the stack may be executed"
     assert "__stack_chk_fail" in text, "no stack protector"
     assert not re.search(r"\((RPATH|RUNPATH)\)", text)
+    if "/lib/" not in program:  # the library calls nothing that could be fortified
+        assert re.search(r"__(?!stack|explicit)\w+_chk\b", text), "calls are not fortified"
 
 
 @pytest.mark.parametrize("package, program", PROGRAMS)
@@ -116,6 +119,10 @@ def test_program_is_stripped(trees, package, program):
     sections = output("readelf", "--wide", "--section-headers", path)
     assert ".dynsym" in sections
     assert ".symtab" not in sections and ".debug" not in sections
+
+
+def test_service_has_350_kib_at_most(trees):
+    assert (trees["sso-discovery-service"] / "usr/sbin/sso-discovery-service").stat().st_size <= 350 * 1024
 
 
 def test_nothing_names_the_build_machine(trees):

@@ -3,6 +3,7 @@
 import os
 import re
 import shutil
+from types import SimpleNamespace
 
 import pytest
 
@@ -30,21 +31,26 @@ class Folder:
 
     def __init__(self, path, stubs):
         self.path = path
+        self._stubs = stubs
         self._calls = stubs / "calls"
         path.mkdir()
         stubs.mkdir()
-        (stubs / "systemctl").write_text(f'#!/bin/sh\necho "systemctl $*" >>{self._calls}\n')
-        (stubs / "systemctl").chmod(0o755)
+        self.have("systemctl", f'echo "systemctl $*" >>{self._calls}')
         self._environment = {"PATH": f"{stubs}:{os.environ['PATH']}"}
 
+    def have(self, program, script):
+        """The commands find this in the place of the program."""
+        (self._stubs / program).write_text(f"#!/bin/sh\n{script}\n")
+        (self._stubs / program).chmod(0o755)
+
     def run(self, script, identity=None):
-        """Each command has to succeed. Returns the outcome and what it asked of systemctl."""
+        """As in a shell where no failure ends the script. Returns the outcome and what was asked of systemctl."""
         script = script.replace("/etc/sso-discovery-service", str(self.path))
         script = re.sub(r" -o root( -g sso-discovery)?", "", script)
         files = {} if identity is None else {"NEW_KEY": str(identity.key_path),
                                              "NEW_CERTIFICATE": str(identity.certificate_path)}
         self._calls.write_text("")
-        outcome = run(["bash", "-euc", script], environment={**self._environment, **files})
+        outcome = run(["bash", "-uc", script], environment={**self._environment, **files})
         return outcome, self._calls.read_text().splitlines()
 
     def provider(self):
@@ -92,6 +98,22 @@ def test_nothing_changes_when_key_and_certificate_do_not_match(folder, device, o
     shutil.copy(other_device.certificate_path, mixed.certificate_path)
     outcome, calls = folder.run(CHANGE, mixed)
     assert outcome.status == 1 and calls == []
+    assert folder.holds(device)
+
+
+def test_nothing_changes_when_key_and_certificate_are_swapped(folder, device, other_device):
+    folder.run(FIRST, device)
+    swapped = SimpleNamespace(key_path=other_device.certificate_path, certificate_path=other_device.key_path)
+    outcome, calls = folder.run(CHANGE, swapped)
+    assert outcome.status != 0 and calls == []
+    assert folder.holds(device)
+
+
+def test_nothing_changes_when_nothing_can_compare_them(folder, device, other_device):
+    folder.run(FIRST, device)
+    folder.have("openssl", "echo not here >&2; exit 127")
+    outcome, calls = folder.run(CHANGE, other_device)
+    assert outcome == Outcome(127, "", "not here\n") and calls == []
     assert folder.holds(device)
 
 
