@@ -45,7 +45,7 @@ debian_mirror() {
 }
 
 # Where roots of other releases and architectures are kept between runs.
-cache=${SSO_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/sso-discovery-service}
+cache=$(realpath -m "${SSO_CACHE:-${XDG_CACHE_HOME:-$(echo ~)/.cache}/sso-discovery-service}")
 
 need_build_tools() {
   need g++=g++ cmake=cmake ninja=ninja-build @libcurl4-openssl-dev @libssl-dev @libjwt-dev

@@ -176,10 +176,12 @@ def test_environment_comes_from_the_defaults_file(script):
     document["sso"]["log_level"] = "info"
     script.root.path(CONFIGURATION).write_text(json.dumps(document))
     defaults = script.root.path(f"/etc/default/{NAME}")
-    defaults.write_text("CLOUD_ENV=staging\n")
+    defaults.write_text('# of the device\nuser=root\nexit 0\nname\n1=2\n\nCLOUD_ENV="sta $(id) ging"')
     script.call("start")
     defaults.unlink()
-    wait_until(lambda: "CLOUD_ENV: staging" in script.log(), script.log)
+    wait_until(lambda: "CLOUD_ENV: sta $(id) ging\n" in script.log(), script.log)
+    assert script.call("status") == RUNNING
+    assert script.root.run("stat", "--format", "%U", STATE).stdout == f"{USER}\n"
 
 
 def test_stop_waits_for_a_request_that_is_under_way(script):

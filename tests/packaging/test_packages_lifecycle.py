@@ -53,7 +53,7 @@ def calls_of_a_life(root, packages, newer):
 
 
 def purge(root):
-    root.run("dpkg", "--purge", "sso-discovery-service", "sso-client", "libssoclient-dev", "libssoclient1")
+    return root.run("dpkg", "--purge", "sso-discovery-service", "sso-client", "libssoclient-dev", "libssoclient1")
 
 
 @pytest.fixture
@@ -107,6 +107,41 @@ def test_purge_takes_the_key_and_the_log_but_not_what_a_link_leads_to(root, pack
     root.path(f"/var/log/{SERVICE}.log").write_text("LOG START")
     purge(root)
     assert differences(before, snapshot(root)) == []
+
+
+def test_purge_does_not_reach_into_mounts(installed):
+    installed.run("sh", "-c", f"mkdir /secure /etc/{SERVICE}/identity && echo key >/secure/device.key && "
+                              f"mount --bind /secure /etc/{SERVICE}/identity")
+    assert f"/etc/{SERVICE} stays: something is mounted in it" in purge(installed).stdout
+    assert installed.run("cat", "/secure/device.key").stdout == "key\n"
+
+
+def test_purge_with_a_process_of_the_user_leaves_only_the_user(installed):
+    installed.run("start-stop-daemon", "--start", "--background", "--user", USER, "--chuid", USER, "--startas", "/bin/sleep",
+                  "--", "300")
+    assert "The user sso-discovery stays" in purge(installed).stdout
+    assert not installed.path(f"/etc/{SERVICE}").exists()
+    assert installed.run("dpkg", "--audit").stdout == ""
+
+
+@pytest.mark.parametrize("preparation", [
+    f"groupadd --system {USER}",
+    f"useradd --system --gid nogroup --home-dir /nonexistent {USER}",
+    f"groupadd --system {USER} && useradd --system --gid {USER} --home-dir /nonexistent {USER}",
+], ids=["group", "user of another group", "both"])
+def test_user_and_group_that_are_there_are_taken(root, packages, preparation):
+    root.run("sh", "-c", preparation)
+    packages.install(root)
+    assert root.run("id", "--user", USER).stdout.strip().isdecimal()
+    assert root.run("getent", "group", USER).stdout.startswith(USER)
+
+
+def test_ordinary_user_of_that_name_is_refused(root, packages):
+    root.run("useradd", "--uid", "1234", USER)
+    package = root.take(packages.files[SERVICE])
+    outcome = root.run("dpkg", "--install", package, check=False)
+    assert outcome.returncode == 1
+    assert "is not a system user" in outcome.stdout
 
 
 def test_purge_without_adduser_leaves_only_the_user(installed):
