@@ -111,7 +111,7 @@ def test_unit_and_init_script_name_the_same_files(tree):
     start = re.search(r"^ExecStart=(.*)$", tree.text(UNIT), re.M).group(1).split()
     assert [values["program"].replace("$name", values["name"]), values["configuration"]] == start
     defaults = re.search(r"^EnvironmentFile=-(.*)$", tree.text(UNIT), re.M).group(1)
-    assert f"  . {defaults}\n" in script
+    assert f"done <{defaults}\n" in script
 
 
 def test_configuration_names_the_folder_that_it_is_in(tree):
