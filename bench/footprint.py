@@ -20,6 +20,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "tests/system"))
 from support.device import Device  # noqa: E402
 from support.fake_cloud import TOKEN_PATH  # noqa: E402
 from support.http_server import Reply  # noqa: E402
+from support.waiting import wait_until  # noqa: E402
 from support.world import World  # noqa: E402
 
 LARGEST_PROGRAM = 350 * 1024
@@ -127,11 +128,15 @@ def touched(process, begin, end):
     return next((end - begin - index * PAGE for index, page in enumerate(pages) if page >> 62), 0)
 
 
-def instructions(world, folder, plugin, emulator):
-    """Those of one request for a token that is in the cache, waiting for the next one included."""
-    counter = folder / "count"
-    service = world.start_ready(new_cloud(world), "error",
-                                wrapper=[*emulator, "-plugin", f"{plugin},count={counter}"])
+def instructions(world, folder, plugin, emulator, level="error"):
+    """Those of one request for a token that is in the cache, waiting for the next one included. At levels that write
+    lines, they go to a file."""
+    counter = folder / f"count-{level}"
+    document = world.document(new_cloud(world).discovery_url, level=level,
+                              log_path=None if level == "error" else folder / f"log-{level}")
+    service = world.start(document, wrapper=[*emulator, "-plugin", f"{plugin},count={counter}"])
+    service.wait_listening()
+    wait_until(lambda: service.api.request("certificate_id")["status"] == "ok", "a ready service")
 
     def count_after(requests):
         for _ in range(requests):

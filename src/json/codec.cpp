@@ -1,7 +1,8 @@
 #include "json/codec.h"
 
+#include "json/characters.h"
 #include "json/errors.h"
-#include "json/reader.h"
+#include "json/scanner.h"
 
 namespace json {
 namespace {
@@ -43,13 +44,12 @@ const char* decode_escape(const char* escape, std::string& plain) {
   }
 }
 
-/// The letter that escapes this byte behind a backslash, or NUL for a byte that is written as it is.
-char escape_letter(char byte) {
-  switch (byte) {
-    case '"':
-    case '/':  // Kept: always escaped on output, although the reader refuses the escape.
-    case '\\':
-      return byte;
+/// What is written with a backslash. Kept: the slash is, although the reader refuses its escape.
+constexpr character_set ESCAPED = character_set("\"/\\\b\f\n\r\t").with_nul();
+
+/// The letter that stands for such a character behind the backslash.
+char escape_letter(char escaped) {
+  switch (escaped) {
     case '\b':
       return 'b';
     case '\f':
@@ -61,23 +61,19 @@ char escape_letter(char byte) {
     case '\t':
       return 't';
     default:
-      return '\0';
+      return escaped;
   }
 }
 
 }  // namespace
 
 parse_results parse_value(const char* input) {
-  const char* begin = skip_whitespace(input);
-  if (*begin == '\0') {
-    throw parsing_error("Input was only whitespace");
-  }
+  scanner value_scanner;
   parse_results result;
-  reader value_reader;
-  result.remainder = value_reader.push_text(begin);
-  if (value_reader.is_valid()) {
-    result.type = value_reader.type();
-    result.value = value_reader.take_text();
+  result.type = value_scanner.read(input);
+  result.remainder = value_scanner.end();
+  if (result.type != jtype::not_valid) {
+    result.value = value_scanner.text();
   }
   return result;
 }
@@ -114,29 +110,28 @@ std::string decode_string(const char* literal) {
   if (*literal != '"') {
     throw parsing_error("Expecting opening quote");
   }
-  std::string plain;
-  const char* position = literal + 1;
-  while (*position != '"' && *position != '\0') {
-    if (*position == '\\') {
-      position = decode_escape(position + 1, plain);
-    } else {
-      plain += *position;
-      ++position;
-    }
+  const char* begin = literal + 1;
+  const char* end = STRING_ENDS.find(begin);
+  std::string plain(begin, end);
+  while (*end == '\\') {
+    begin = decode_escape(end + 1, plain);
+    end = STRING_ENDS.find(begin);
+    plain.append(begin, static_cast<std::size_t>(end - begin));
   }
   return plain;
 }
 
 std::string escape_string(const char* text) {
   std::string literal = "\"";
-  for (; *text != '\0'; ++text) {
-    const char letter = escape_letter(*text);
-    if (letter != '\0') {
-      literal += '\\';
-      literal += letter;
-    } else {
-      literal += *text;
+  for (;;) {
+    const char* end = ESCAPED.find(text);
+    literal.append(text, static_cast<std::size_t>(end - text));
+    if (*end == '\0') {
+      break;
     }
+    literal += '\\';
+    literal += escape_letter(*end);
+    text = end + 1;
   }
   literal += '"';
   return literal;

@@ -1,53 +1,70 @@
 #include "json/document.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstddef>
-#include <set>
+#include <cstdint>
+#include <cstring>
 #include <utility>
 
+#include "json/characters.h"
 #include "json/codec.h"
 #include "json/errors.h"
+#include "json/scanner.h"
 
 namespace json {
 namespace {
+
+constexpr std::size_t COUNTED_SIZE = 1024;
+constexpr std::size_t SCAN_LIMIT = 64;
 
 parsing_error not_an_object() {
   return parsing_error("Input is not a valid object");
 }
 
-}  // namespace
-
-/// Finds repeated keys while a document is parsed, where scanning all entries at each append would cost the square of
-/// their number. Beyond a handful it keeps an ordered index, which no choice of keys makes slow.
-class jobject::duplicate_finder {
- public:
-  explicit duplicate_finder(const std::vector<kvp>& parsed_entries)
-      : entries(parsed_entries), index(by_key{parsed_entries}) {}
-
-  /// Whether the last entry's key stands in an earlier one. To be asked at each append.
-  bool last_is_repeated() {
-    const std::size_t last = entries.size() - 1;
-    if (last < SCAN_LIMIT) {
-      return std::any_of(entries.begin(), entries.end() - 1,
-                         [this](const kvp& earlier) { return earlier.key == entries.back().key; });
+/// How many values follow, keys included.
+std::size_t count_values(const char* position, scanner& value_scanner) {
+  std::size_t count = 0;
+  while (*skip_whitespace(position) != '\0' && value_scanner.read(position) != jtype::not_valid) {
+    ++count;
+    position = skip_whitespace(value_scanner.end());
+    if (*position != ',' && *position != ':') {
+      break;
     }
-    while (index.size() < last) {
-      index.insert(index.size());
+    ++position;
+  }
+  return count;
+}
+
+/// The eight bytes at this place as a number.
+std::uint64_t eight_bytes(const char* place) {
+  std::uint64_t number = 0;
+  std::memcpy(&number, place, sizeof number);
+  return number;
+}
+
+/// A key and a number made of its length and some of its bytes, by which most keys differ without a look at their
+/// texts.
+struct marked_key {
+  explicit marked_key(const std::string& text) : mark(text.size()), key(&text) {
+    constexpr std::uint64_t ODD_FACTOR = 0x9E3779B97F4A7C15U;  // spreads the bytes over the number
+    if (text.size() >= sizeof mark) {
+      mark += eight_bytes(text.data()) * ODD_FACTOR ^ eight_bytes(text.data() + text.size() - sizeof mark);
+    } else {
+      for (const char c : text) {
+        mark = mark << CHAR_BIT | static_cast<unsigned char>(c);
+      }
     }
-    return !index.insert(last).second;
   }
 
- private:
-  static constexpr std::size_t SCAN_LIMIT = 16;
+  bool operator<(const marked_key& other) const { return mark != other.mark ? mark < other.mark : *key < *other.key; }
+  bool operator==(const marked_key& other) const { return mark == other.mark && *key == *other.key; }
 
-  struct by_key {
-    const std::vector<kvp>& entries;
-    bool operator()(std::size_t left, std::size_t right) const { return entries[left].key < entries[right].key; }
-  };
-
-  const std::vector<kvp>& entries;
-  std::set<std::size_t, by_key> index;
+  std::uint64_t mark;
+  const std::string* key;
 };
+
+}  // namespace
 
 jobject::kvp::kvp(std::string entry_key, std::string value_text)
     : key(std::move(entry_key)), value(std::move(value_text)) {
@@ -61,10 +78,19 @@ jobject jobject::parse(const char* input) {
   jobject result(*position == '[');
   const char closing = result.array_flag ? ']' : '}';
   position = skip_whitespace(position + 1);
-  duplicate_finder duplicates(result.data);
-  while (*position != '\0' && *position != closing) {
-    position = result.parse_entry(position, duplicates);
+  scanner value_scanner;
+  try {
+    while (*position != '\0' && *position != closing) {
+      if (result.data.size() == COUNTED_SIZE) {
+        result.data.reserve(COUNTED_SIZE + count_values(position, value_scanner));
+      }
+      position = result.parse_entry(position, value_scanner);
+    }
+  } catch (const parsing_error&) {
+    result.check_distinct_keys();  // of several errors the first in the text counts
+    throw;
   }
+  result.check_distinct_keys();
   if (*position != closing) {
     throw not_an_object();
   }
@@ -72,38 +98,62 @@ jobject jobject::parse(const char* input) {
 }
 
 /// Reads and appends the entry at this position and returns where the next one, or the closing bracket, stands.
-const char* jobject::parse_entry(const char* position, duplicate_finder& duplicates) {
+const char* jobject::parse_entry(const char* position, scanner& value_scanner) {
   kvp parsed;
   if (!array_flag) {
-    const parse_results key = parse_value(position);
-    if (key.type != jtype::jstring) {
+    if (value_scanner.read(position) != jtype::jstring) {
       throw not_an_object();
     }
-    parsed.key = decode_string(key.value.c_str());
-    position = skip_whitespace(key.remainder);
+    parsed.key = decode_string(value_scanner.begin());
+    position = skip_whitespace(value_scanner.end());
     if (*position != ':') {
       throw not_an_object();
     }
     ++position;
   }
-  parse_results value = parse_value(position);
-  if (value.type == jtype::not_valid) {
+  if (value_scanner.read(position) == jtype::not_valid) {
     throw not_an_object();
   }
-  parsed.value = std::move(value.value);
-  position = skip_whitespace(value.remainder);
+  parsed.value = value_scanner.text();
+  position = skip_whitespace(value_scanner.end());
   if (*position != ',' && *position != (array_flag ? ']' : '}')) {
     throw not_an_object();
   }
-  data.push_back(std::move(parsed));
-  if (!array_flag) {
-    check_new_key(data.back().key, duplicates.last_is_repeated());
+  if (!array_flag && parsed.key.empty()) {
+    throw parsing_error("Missing key");
   }
+  if (data.empty()) {
+    data.reserve(8);
+  }
+  data.push_back(std::move(parsed));
   return *position == ',' ? position + 1 : position;
 }
 
-void jobject::check_new_key(const std::string& key, bool known) {
-  if (known) {
+/// Looks for repeated keys in one go, where scanning all entries at each append would cost the square of their number.
+/// Sorting, no choice of keys makes it slow. Throws parsing_error "Key conflict".
+void jobject::check_distinct_keys() const {
+  if (array_flag || data.size() < 2) {
+    return;
+  }
+  std::vector<marked_key> keys;
+  keys.reserve(data.size());
+  for (const kvp& known : data) {
+    keys.emplace_back(known.key);
+    if (data.size() <= SCAN_LIMIT && std::find(keys.begin(), keys.end() - 1, keys.back()) != keys.end() - 1) {
+      throw parsing_error("Key conflict");
+    }
+  }
+  if (data.size() <= SCAN_LIMIT) {
+    return;
+  }
+  std::sort(keys.begin(), keys.end());
+  if (std::adjacent_find(keys.begin(), keys.end()) != keys.end()) {
+    throw parsing_error("Key conflict");
+  }
+}
+
+void jobject::check_new_key(const std::string& key) const {
+  if (has_key(key)) {
     throw parsing_error("Key conflict");
   }
   if (key.empty()) {
@@ -140,7 +190,7 @@ void jobject::remove(const std::string& key) {
 
 jobject& jobject::operator+=(const kvp& new_entry) {
   if (!array_flag) {
-    check_new_key(new_entry.key, has_key(new_entry.key));
+    check_new_key(new_entry.key);
   } else if (!new_entry.key.empty()) {
     throw parsing_error("Array cannot have key");
   }

@@ -9,6 +9,8 @@
 
 namespace json {
 
+class scanner;
+
 /// A JSON object or array: an ordered list of keys and values, each value kept as compact JSON text until it is asked
 /// for in a type. Lookups scan from the front. An array's entries have empty keys.
 class jobject {
@@ -73,10 +75,9 @@ class jobject {
   std::string pretty(unsigned indent = 0) const;
 
  private:
-  class duplicate_finder;
-
-  static void check_new_key(const std::string& key, bool known);
-  const char* parse_entry(const char* position, duplicate_finder& duplicates);
+  const char* parse_entry(const char* position, scanner& value_scanner);
+  void check_distinct_keys() const;
+  void check_new_key(const std::string& key) const;
 
   std::vector<kvp> data;
   bool array_flag;

@@ -33,20 +33,16 @@ enum number_state : char {
 
 enum container_state : char { CONTAINER_EMPTY = 0, CONTAINER_OPENED = 1, CONTAINER_COMMA = 3, CONTAINER_CLOSED = 4 };
 
+constexpr character_set DIGITS("0123456789");
+constexpr character_set PLAIN = STRING_MARKS.complement();
+
 constexpr const char* str_true = "true";
 constexpr const char* str_false = "false";
 constexpr const char* str_null = "null";
 
+// By this name failed assertions speak of it.
 bool IS_DIGIT(char c) {
-  return c >= '0' && c <= '9';
-}
-
-bool is_hex_digit(char c) {
-  return IS_DIGIT(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
-}
-
-bool is_exponent_mark(char c) {
-  return c == 'e' || c == 'E';
+  return is_digit(c);
 }
 
 number_state after_first_digit(char digit) {
@@ -64,8 +60,8 @@ void reader::clear() {
   open_containers.clear();
   value_begin = 0;
   completed = 0;
-  value_first = '\0';
-  state = 0;
+  value_type = jtype::not_valid;
+  set_state(0);
   part = ENTRY_VALUE;
 }
 
@@ -81,14 +77,8 @@ std::string reader::readout() const {
   return open_containers.empty() ? std::string(*this) : substr(0, completed);
 }
 
-std::string reader::take_text() {
-  std::string text = std::move(static_cast<std::string&>(*this));
-  reader::clear();
-  return text;
-}
-
 bool reader::value_is_valid() const {
-  switch (value_type()) {
+  switch (value_type) {
     case jtype::jstring:
       return state == STRING_CLOSED;
     case jtype::jnumber:
@@ -106,17 +96,20 @@ bool reader::value_is_valid() const {
   throw std::logic_error("Unexpected return");
 }
 
+/// A value's first character.
+reader::push_result reader::begin_with(char c) {
+  value_type = type_of(c);
+  return accept(c);
+}
+
 reader::push_result reader::accept(char c) {
-  if (value_first == '\0') {
-    value_first = c;
-  }
   push_back(c);
   return ACCEPTED;
 }
 
 void reader::begin_value() {
   value_begin = size();
-  value_first = '\0';
+  value_type = jtype::not_valid;
   state = 0;
 }
 
@@ -131,7 +124,7 @@ void reader::open_child(char container, entry_part child_part) {
 
 /// The child is complete and c, a comma or a closing bracket, makes its container the innermost value again.
 reader::push_result reader::close_child(char c) {
-  value_first = open_containers.back();
+  value_type = open_containers.back() == '[' ? jtype::jarray : jtype::jobject;
   open_containers.pop_back();
   value_begin = 0;     // only the text of strings, numbers and words is looked at, and those have no children
   part = ENTRY_VALUE;  // a container in an object is always the value of its entry
@@ -140,63 +133,66 @@ reader::push_result reader::close_child(char c) {
 }
 
 reader::push_result reader::push(char c) {
-  if (!open_containers.empty()) {
-    return open_containers.back() == '[' ? push_element(c) : push_entry(c);
+  if (run->has(c)) {
+    return accept(c);
   }
-  if (empty() && is_whitespace(c)) {
-    return ACCEPTED;
+  const push_result result = push_step(c);
+  run = current_run();
+  return result;
+}
+
+/// The characters that the innermost value accepts now without a change of its state.
+const character_set* reader::current_run() const {
+  if (value_type == jtype::jstring && state == STRING_BODY) {
+    return &PLAIN;
+  }
+  const bool digits = state == NUMBER_INTEGER || state == NUMBER_FRACTION || state == NUMBER_EXPONENT;
+  return value_type == jtype::jnumber && digits ? &DIGITS : &NOTHING;
+}
+
+reader::push_result reader::push_step(char c) {
+  if (open_containers.empty()) {
+    return empty() && is_whitespace(c) ? ACCEPTED : push_value(c);
+  }
+  if (part == ENTRY_KEY) {
+    return push_key(c);
+  }
+  const bool entry = open_containers.back() == '{';
+  if (value_is_valid()) {
+    // Kept: this is so behind a complete number too, which the next digit goes on with, so [1 2] reads as [12].
+    if (is_whitespace(c)) {
+      return WHITESPACE;
+    }
+    if (c == ',' || c == (entry ? '}' : ']')) {
+      return close_child(c);
+    }
+  } else if (entry && value_type == jtype::not_valid && is_whitespace(c)) {
+    return WHITESPACE;
   }
   return push_value(c);
 }
 
-/// A character for the innermost value, an element of an array.
-reader::push_result reader::push_element(char c) {
-  const bool complete = value_is_valid();
-  // Kept: white space behind a complete number is dropped before the number sees it, so [1 2] reads as [12].
-  if (complete && is_whitespace(c)) {
-    return WHITESPACE;
+/// A character for the key of an object's entry, or for the colon behind it.
+reader::push_result reader::push_key(char c) {
+  if (state != STRING_CLOSED) {
+    return push_string(c);
   }
-  const push_result result = push_value(c);
-  if (result == REJECTED && complete && (c == ',' || c == ']')) {
-    return close_child(c);
-  }
-  return result;
-}
-
-/// A character for the innermost value, the key or the value of an object's entry.
-reader::push_result reader::push_entry(char c) {
-  if (part == ENTRY_KEY) {
-    if (state != STRING_CLOSED) {
-      return push_string(c);
-    }
-    if (is_whitespace(c)) {
-      return WHITESPACE;
-    }
-    if (c != ':') {
-      return REJECTED;
-    }
-    push_back(c);
-    part = ENTRY_VALUE;
-    begin_value();
-    return ACCEPTED;
-  }
-  if (value_first == '\0' && is_whitespace(c)) {
-    return WHITESPACE;
-  }
-  const push_result result = push_value(c);
-  if (result != REJECTED || !value_is_valid()) {
-    return result;
-  }
-  // Kept: white space behind a complete number does not end it, so {"a":1 2} reads as {"a":12}.
   if (is_whitespace(c)) {
     return WHITESPACE;
   }
-  return c == ',' || c == '}' ? close_child(c) : REJECTED;
+  if (c != ':') {
+    return REJECTED;
+  }
+  push_back(c);
+  part = ENTRY_VALUE;
+  begin_value();
+  return ACCEPTED;
 }
 
+/// A character for the innermost value, whatever is around it.
 reader::push_result reader::push_value(char c) {
   push_result result = REJECTED;
-  switch (type_of(value_first == '\0' ? c : value_first)) {
+  switch (value_type == jtype::not_valid ? type_of(c) : value_type) {
     case jtype::jstring:
       return push_string(c);
     case jtype::jnumber:
@@ -227,7 +223,7 @@ reader::push_result reader::push_string(char c) {
         return REJECTED;
       }
       state = STRING_OPENED;
-      return accept(c);
+      return begin_with(c);
     case STRING_OPENED:
       assert(this->length() == 1);
       [[fallthrough]];
@@ -237,8 +233,7 @@ reader::push_result reader::push_string(char c) {
       state = c == '"' ? STRING_CLOSED : (c == '\\' ? STRING_ESCAPE : STRING_BODY);
       return accept(c);
     case STRING_ESCAPE:
-      // Kept: the escaped slash that the writer makes is not among these.
-      if (c == '\0' || std::strchr("\"\\bfnrtu", c) == nullptr) {
+      if (!is_escape_letter(c)) {
         return REJECTED;
       }
       state = c == 'u' ? STRING_HEX_0 : STRING_BODY;
@@ -270,9 +265,13 @@ reader::push_result reader::push_number(char c) {
       assert(this->length() == 0);
       if (c == '-') {
         state = NUMBER_MINUS;
-        return accept(c);
+        return begin_with(c);
       }
-      [[fallthrough]];
+      if (!digit) {
+        return REJECTED;
+      }
+      state = after_first_digit(c);
+      return begin_with(c);
     case NUMBER_MINUS:
       if (!digit) {
         return REJECTED;
@@ -327,12 +326,13 @@ reader::push_result reader::push_number(char c) {
 reader::push_result reader::push_boolean(char c) {
   const std::size_t position = length();
   if (position == 0) {
-    return c == 't' || c == 'f' ? accept(c) : REJECTED;
+    return c == 't' || c == 'f' ? begin_with(c) : REJECTED;
   }
-  if (value_first != 't' && value_first != 'f') {
+  const char first = (*this)[value_begin];
+  if (first != 't' && first != 'f') {
     throw parsing_error("Unexpected state");
   }
-  const char* str = value_first == 't' ? str_true : str_false;
+  const char* str = first == 't' ? str_true : str_false;
   assert(str == str_true || str == str_false);
   return position < std::strlen(str) && str[position] == c ? accept(c) : REJECTED;
 }
@@ -342,7 +342,10 @@ reader::push_result reader::push_null(char c) {
   if (position > std::strlen(str_null)) {
     throw parsing_error("Unexpected state");
   }
-  return c != '\0' && str_null[position] == c ? accept(c) : REJECTED;
+  if (c == '\0' || str_null[position] != c) {
+    return REJECTED;
+  }
+  return position == 0 ? begin_with(c) : accept(c);
 }
 
 reader::push_result reader::push_array(char c) {
@@ -361,7 +364,7 @@ reader::push_result reader::push_container(char c, char opening, char closing) {
         return REJECTED;
       }
       state = CONTAINER_OPENED;
-      return accept(c);
+      return begin_with(c);
     case CONTAINER_OPENED:
     case CONTAINER_COMMA:
       if (is_whitespace(c)) {
@@ -381,39 +384,6 @@ reader::push_result reader::push_container(char c, char opening, char closing) {
     default:
       throw std::logic_error("Unexpected return");
   }
-}
-
-const char* reader::push_text(const char* text) {
-  for (;;) {
-    text = push_run(text);
-    if (*text == '\0') {
-      return text;
-    }
-    const push_result result = reader::push(*text);
-    if (result == REJECTED) {
-      return text;
-    }
-    // A second white space character would be answered like the first.
-    text = result == WHITESPACE ? skip_whitespace(text) : text + 1;
-  }
-}
-
-/// Takes the run of characters that leaves the innermost value in its state, all at once, and returns where it ends.
-const char* reader::push_run(const char* text) {
-  const char* end = text;
-  if (value_first == '"' && (state == STRING_OPENED || state == STRING_BODY)) {
-    end += std::strcspn(text, "\"\\");
-    if (end != text) {
-      state = STRING_BODY;
-    }
-  } else if (value_type() == jtype::jnumber &&
-             (state == NUMBER_INTEGER || state == NUMBER_FRACTION || state == NUMBER_EXPONENT)) {
-    while (IS_DIGIT(*end)) {
-      ++end;
-    }
-  }
-  append(text, end);
-  return end;
 }
 
 void kvp_reader::clear() {

@@ -2,8 +2,9 @@
 
 #include <cstddef>
 #include <string>
+#include <vector>
 
-#include "json/codec.h"
+#include "json/characters.h"
 #include "json/jtype.h"
 
 namespace json {
@@ -52,11 +53,11 @@ class reader : private std::string {
   template <typename T>
   void set_state(T value) {
     state = static_cast<char>(value);
+    run = &NOTHING;
   }
 
  private:
   friend class kvp_reader;
-  friend parse_results parse_value(const char* input);
 
   /// Where the innermost value stands when it is an entry of an object.
   enum entry_part : char { ENTRY_KEY, ENTRY_VALUE };
@@ -66,15 +67,16 @@ class reader : private std::string {
   // The innermost value's share of the buffer.
   std::size_t length() const { return size() - value_begin; }
 
-  jtype value_type() const { return type_of(value_first); }
   bool value_is_valid() const;
+  push_result begin_with(char c);
   push_result accept(char c);
   void begin_value();
   void open_child(char container, entry_part part);
   push_result close_child(char c);
 
-  push_result push_element(char c);
-  push_result push_entry(char c);
+  const character_set* current_run() const;
+  push_result push_step(char c);
+  push_result push_key(char c);
   push_result push_value(char c);
   push_result push_string(char c);
   push_result push_number(char c);
@@ -84,20 +86,13 @@ class reader : private std::string {
   push_result push_object(char c);
   push_result push_container(char c, char opening, char closing);
 
-  /// Pushes characters up to the first that is rejected or the terminating NUL, whichever comes first, and returns
-  /// where that stands. The same answers as single pushes, except that the NUL ends a string literal's body too.
-  const char* push_text(const char* text);
-
-  /// Moves the text of a complete value out and clears the reader.
-  std::string take_text();
-  const char* push_run(const char* text);
-
-  std::string open_containers;    // opening bracket of each container around the innermost value, outermost first
-  std::size_t value_begin = 0;    // where the innermost value begins in the buffer
-  std::size_t completed = 0;      // length of the outermost container's text without its open child
-  char value_first = '\0';        // first character of the innermost value, NUL while it has none
-  char state = 0;                 // state of the innermost value
-  entry_part part = ENTRY_VALUE;  // meaningful while the innermost value belongs to an object
+  std::vector<char> open_containers;    // opening bracket of each container around the innermost value, outermost first
+  std::size_t value_begin = 0;          // where the innermost value begins in the buffer
+  std::size_t completed = 0;            // length of the outermost container's text without its open child
+  const character_set* run = &NOTHING;  // characters that are accepted without a further look
+  jtype value_type = jtype::not_valid;  // of the innermost value; not_valid while it has no character
+  char state = 0;                       // state of the innermost value
+  entry_part part = ENTRY_VALUE;        // meaningful while the innermost value belongs to an object
 };
 
 /// Recognises one "key":value pair of an object the same way; type() is the value's.

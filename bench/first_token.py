@@ -1,0 +1,248 @@
+"""From the start of the process to the first token served, and the memory of a service that is ready to serve, against
+bare_token.c, which makes the same exchanges with libcurl and OpenSSL and does nothing else.
+
+The cloud is a stand-in on the loopback interface. For HTTPS, an authority that is made for the run signs its
+certificate. libcurl trusts the system's bundle of authorities alone, so this script runs in a mount namespace of its
+own, where a copy with one more authority lies over the bundle."""
+
+import argparse
+import contextlib
+import json
+import os
+import pathlib
+import re
+import ssl
+import subprocess
+import sys
+import tempfile
+import time
+
+sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "tests/system"))
+
+from statistics_of_runs import arguments, row, write_section  # noqa: E402
+from support.api_client import ApiClient  # noqa: E402
+from support.assertion import faults_of_assertion  # noqa: E402
+from support.configuration import as_text, configuration, file_provider  # noqa: E402
+from support.device import Device  # noqa: E402
+from support.fake_cloud import TOKEN_PATH, WELL_KNOWN_PATH, data_body  # noqa: E402
+from support.http_server import HttpServer, Reply  # noqa: E402
+from support.ports import LOOPBACK, ReservedPort  # noqa: E402
+from support.service import clean_environment  # noqa: E402
+from support.waiting import DEADLINE_SECONDS  # noqa: E402
+
+RUNS = 11
+MOST_TIME = 1.2  # times the bare program's
+MOST_MEMORY = 1.15
+DISCOVERY_BYTES = 1024
+TOKEN = "eyJhbGciOiJSUzI1NiJ9." + "x" * 600 + "." + "y" * 342  # as long as a signed JWT with a few claims
+OFTEN = 0.0002  # seconds between two questions to a service that is not ready; without a pause they would hold it up
+SELDOM = 0.25  # before it is asked at all, it is ready: a refusal is an exception, and what that needs would stay
+
+
+def main():
+    parser = arguments(__doc__)
+    parser.add_argument("--in-namespace", action="store_true", help=argparse.SUPPRESS)
+    options = parser.parse_args()
+    if not options.in_namespace:
+        as_user = [] if os.geteuid() == 0 else ["--map-root-user"]
+        os.execvp("unshare", ["unshare", *as_user, "--mount", sys.executable, *sys.argv, "--in-namespace"])
+    runs = 1 if options.quick else RUNS
+    rows = []
+    notes = [f"The discovery data has {DISCOVERY_BYTES} bytes, the token {len(TOKEN)}."]
+    with tempfile.TemporaryDirectory() as name:
+        folder = pathlib.Path(name)
+        context = trusted_context(folder)
+        device = Device(folder)
+        for cloud in Cloud(device, context), Cloud(device):
+            with contextlib.closing(cloud):
+                rivals = Service(options.build, folder, cloud), Bare(options.build, cloud)
+                rows.append(time_row(cloud, *rivals, runs))
+                if cloud.secured:
+                    rows += memory_rows(cloud, *rivals, runs)
+                notes.append(f"{cloud.setting}: {1000 * cloud.seconds_a_run():.1f} ms of a run are processor time of "
+                             "the stand-in cloud.")
+    write_section(options, "First token", rows, notes)
+
+
+def trusted_context(folder):
+    """For a server on the loopback interface that libcurl trusts within this namespace."""
+    bundle = subprocess.run(["curl-config", "--ca"], check=True, capture_output=True, text=True).stdout.strip()
+    authority = make_certificate(folder / "authority", "/CN=Authority of this run")
+    server = make_certificate(folder / "server", f"/CN={LOOPBACK}", "-addext", f"subjectAltName=IP:{LOOPBACK}",
+                              "-CA", authority[0], "-CAkey", authority[1])
+    longer = folder / "bundle"
+    longer.write_bytes(pathlib.Path(bundle).read_bytes() + pathlib.Path(authority[0]).read_bytes())
+    subprocess.run(["mount", "--bind", longer, bundle], check=True)
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    context.load_cert_chain(*server)
+    return context
+
+
+def make_certificate(path, subject, *more):
+    """Makes a certificate, its own authority unless more is said, and returns the names of its file and its key's."""
+    names = f"{path}.crt", f"{path}.key"
+    subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
+                    "-days", "2", "-subj", subject, "-out", names[0], "-keyout", names[1], *more],
+                   check=True, capture_output=True)
+    return names
+
+
+class Cloud(HttpServer):
+    """Gives answers that are made beforehand, so that little of the time that is measured is the cloud's own."""
+
+    def __init__(self, device, context=None):
+        super().__init__(lambda request: self._answers.get(request.target, Reply(404)))
+        self.device = device
+        self.secured = context is not None
+        self.setting = "HTTPS" if context else "HTTP"
+        self._context = context
+        self._seconds = []
+        url = f"{self.setting.lower()}://{LOOPBACK}:{self.port}"
+        self.discovery_url = url + "/devices/"
+        self.well_known_url = url + WELL_KNOWN_PATH
+        self.token_url = url + TOKEN_PATH
+        data = {"config": {"endpoints": {"veloIdConfiguration": self.well_known_url}, "region": ""}}
+        data["config"]["region"] = "r" * (DISCOVERY_BYTES - len(json.dumps(data)))
+        self._answers = {
+            "/devices/" + device.id: Reply(200, data_body(device.encrypt(json.dumps(data).encode()))),
+            WELL_KNOWN_PATH: Reply(200, {"issuer": url, "token_endpoint": self.token_url}),
+            TOKEN_PATH: Reply(200, {"access_token": TOKEN, "token_type": "Bearer", "expires_in": 3600})}
+
+    def _converse(self, connection):
+        if self._context:
+            with self._context.wrap_socket(connection, server_side=True) as secured:
+                super()._converse(secured)
+        else:
+            super()._converse(connection)
+        self._seconds.append(time.thread_time())  # each connection has a thread of its own
+
+    def seconds_a_run(self):
+        """The processor time that the three exchanges of a run take here, on average."""
+        return sum(self._seconds) / len(self._seconds) * 3
+
+    def take_run(self):
+        """What was asked in a run that is over: a fault when it is not the three exchanges. Returns the last one."""
+        targets = [request.target for request in self.requests]
+        assert targets == list(self._answers), targets
+        last = self.requests[-1]
+        self.requests.clear()
+        return last
+
+
+class Service:
+    def __init__(self, build, folder, cloud):
+        self._cloud = cloud
+        self._port = ReservedPort()
+        self._api = ApiClient(self._port.number)
+        file = folder / f"{cloud.setting}.json"
+        file.write_text(as_text(configuration(cloud.discovery_url, file_provider(cloud.device), [self._port.number],
+                                              level="error")))
+        self._command = [build / "sso-discovery-service", file]
+
+    def first_token(self):
+        """Milliseconds."""
+        begin = time.perf_counter()
+        with running(self._command, subprocess.DEVNULL) as process:
+            token = self._ask(process, OFTEN, "token", scope="telemetry")["token"]
+            elapsed = time.perf_counter() - begin
+            self._stop(process)
+        assert token == TOKEN
+        form = self._cloud.take_run().body.decode()
+        faults = faults_of_assertion(form.rpartition("=")[2], self._cloud.device.public_key, self._cloud.device.id,
+                                     self._cloud.token_url)
+        assert not faults, faults
+        return 1000 * elapsed
+
+    def memory(self):
+        """When it is ready and has served no token, and when it has served one."""
+        with running(self._command, subprocess.DEVNULL) as process:
+            self._ask(process, SELDOM, "certificate_id")
+            ready = memory_of(process)
+            self._ask(process, OFTEN, "token", scope="telemetry")
+            served = memory_of(process)
+            self._stop(process)
+        self._cloud.take_run()
+        return ready, served
+
+    def _ask(self, process, pause, name, **members):
+        """The first good reply, with a pause before each question."""
+        end = time.monotonic() + DEADLINE_SECONDS
+        while True:
+            time.sleep(pause)
+            with contextlib.suppress(ConnectionRefusedError):
+                reply = self._api.request(name, **members)
+                if reply["status"] == "ok":
+                    return reply
+            assert process.poll() is None and time.monotonic() < end, "no good reply"
+
+    def _stop(self, process):
+        process.terminate()
+        assert process.wait(DEADLINE_SECONDS) == 0
+
+
+class Bare:
+    def __init__(self, build, cloud):
+        self._cloud = cloud
+        self._program = build / "bench/bare_token"
+        self._files = [cloud.device.key_path, cloud.device.certificate_path]
+        self._discovery_url = cloud.discovery_url + cloud.device.id
+
+    def first_token(self):
+        """Milliseconds."""
+        begin = time.perf_counter()
+        with running([self._program, *self._files, self._discovery_url, self._cloud.well_known_url,
+                      self._cloud.token_url]) as process:
+            token = process.stdout.readline()
+            elapsed = time.perf_counter() - begin
+            assert process.wait(DEADLINE_SECONDS) == 0
+        assert token == TOKEN.encode() + b"\n"
+        self._cloud.take_run()
+        return 1000 * elapsed
+
+    def memory(self):
+        """After a request and a signature."""
+        with running([self._program, "--wait", *self._files, self._discovery_url]) as process:
+            assert process.stdout.readline() == b"ready\n"
+            memory = memory_of(process)
+            process.stdin.close()
+            assert process.wait(DEADLINE_SECONDS) == 0
+        self._cloud.requests.clear()
+        return memory
+
+
+@contextlib.contextmanager
+def running(command, stdout=subprocess.PIPE):
+    with subprocess.Popen(command, env=clean_environment(), stdin=subprocess.PIPE, stdout=stdout) as process:
+        try:
+            yield process
+        finally:
+            process.kill()
+
+
+def memory_of(process):
+    """Kilobytes of memory that is there (RSS), and the process's share of it (PSS)."""
+    text = pathlib.Path(f"/proc/{process.pid}/smaps_rollup").read_text()
+    return {name: int(re.search(rf"^{name}: +(\d+) kB$", text, re.M).group(1)) for name in ("Rss", "Pss")}
+
+
+def time_row(cloud, service, bare, runs):
+    service.first_token(), bare.first_token()  # whatever has to be read from the disk is in memory afterwards
+    pairs = [(service.first_token(), bare.first_token()) for _ in range(runs)]
+    return row("first token", cloud.setting, "time", "ms", [pair[0] for pair in pairs], "bare",
+               [pair[1] for pair in pairs], at_most=MOST_TIME)
+
+
+def memory_rows(cloud, service, bare, runs):
+    pairs = [(service.memory(), bare.memory()) for _ in range(runs)]
+
+    def one(moment, state, figure, goal):
+        return row("memory, " + state, cloud.setting, figure.upper(), "kB",
+                   [memories[moment][figure] for memories, _ in pairs], "bare",
+                   [memory[figure] for _, memory in pairs], at_most=goal)
+
+    return [one(0, "ready to serve", "Rss", MOST_MEMORY), one(0, "ready to serve", "Pss", None),
+            one(1, "first token served", "Rss", None), one(1, "first token served", "Pss", None)]
+
+
+if __name__ == "__main__":
+    main()
