@@ -21,7 +21,7 @@ from support.world import World
 
 RECORDED = pathlib.Path(__file__).with_name("instructions.json")
 MOST = 1.02  # times what is recorded
-FEW, MANY = 20, 520  # how often a path is run: what is the same for both is not the path's
+FEW, MANY = 20, 2020  # how often a path is run: what is the same for both is not the path's
 EMULATOR = f"qemu-{platform.machine()}"
 
 

@@ -56,7 +56,7 @@ reader::reader() {
 }
 
 void reader::clear() {
-  std::string::clear();
+  used = 0;
   open_containers.clear();
   value_begin = 0;
   completed = 0;
@@ -66,7 +66,7 @@ void reader::clear() {
 }
 
 jtype reader::type() const {
-  return empty() ? jtype::not_valid : type_of(front());
+  return used == 0 ? jtype::not_valid : type_of(front());
 }
 
 bool reader::is_valid() const {
@@ -74,7 +74,7 @@ bool reader::is_valid() const {
 }
 
 std::string reader::readout() const {
-  return open_containers.empty() ? std::string(*this) : substr(0, completed);
+  return substr(0, open_containers.empty() ? used : completed);
 }
 
 bool reader::value_is_valid() const {
@@ -87,9 +87,9 @@ bool reader::value_is_valid() const {
     case jtype::jarray:
       return state == CONTAINER_CLOSED;
     case jtype::jbool:
-      return compare(value_begin, npos, str_true) == 0 || compare(value_begin, npos, str_false) == 0;
+      return compare(value_begin, length(), str_true) == 0 || compare(value_begin, length(), str_false) == 0;
     case jtype::jnull:
-      return compare(value_begin, npos, str_null) == 0;
+      return compare(value_begin, length(), str_null) == 0;
     case jtype::not_valid:
       return false;
   }
@@ -103,19 +103,27 @@ reader::push_result reader::begin_with(char c) {
 }
 
 reader::push_result reader::accept(char c) {
-  push_back(c);
+  append_character(c);
   return ACCEPTED;
 }
 
+void reader::append_character(char c) {
+  if (used == size()) {
+    resize(used < capacity() ? capacity() : 2 * used);
+  }
+  (*this)[used] = c;
+  ++used;
+}
+
 void reader::begin_value() {
-  value_begin = size();
+  value_begin = used;
   value_type = jtype::not_valid;
   state = 0;
 }
 
 void reader::open_child(char container, entry_part child_part) {
   if (open_containers.empty()) {
-    completed = size();
+    completed = used;
   }
   open_containers.push_back(container);
   part = child_part;
@@ -133,10 +141,16 @@ reader::push_result reader::close_child(char c) {
 }
 
 reader::push_result reader::push(char c) {
-  if (run->has(c)) {
-    return accept(c);
+  if (run->has(c) && used != size()) {
+    (*this)[used] = c;
+    ++used;
+    return ACCEPTED;
   }
-  const push_result result = push_step(c);
+  return push_step(c);
+}
+
+reader::push_result reader::push_step(char c) {
+  const push_result result = push_anywhere(c);
   run = current_run();
   return result;
 }
@@ -150,9 +164,9 @@ const character_set* reader::current_run() const {
   return value_type == jtype::jnumber && digits ? &DIGITS : &NOTHING;
 }
 
-reader::push_result reader::push_step(char c) {
+reader::push_result reader::push_anywhere(char c) {
   if (open_containers.empty()) {
-    return empty() && is_whitespace(c) ? ACCEPTED : push_value(c);
+    return used == 0 && is_whitespace(c) ? ACCEPTED : push_value(c);
   }
   if (part == ENTRY_KEY) {
     return push_key(c);
@@ -183,7 +197,7 @@ reader::push_result reader::push_key(char c) {
   if (c != ':') {
     return REJECTED;
   }
-  push_back(c);
+  append_character(c);
   part = ENTRY_VALUE;
   begin_value();
   return ACCEPTED;

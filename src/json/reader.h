@@ -64,18 +64,20 @@ class reader : private std::string {
 
   static constexpr char CONTAINER_READING = 2;
 
-  // The innermost value's share of the buffer.
-  std::size_t length() const { return size() - value_begin; }
+  std::size_t length() const { return used - value_begin; }  // the innermost value's share of the buffer
+  char back() const { return (*this)[used - 1]; }
 
   bool value_is_valid() const;
   push_result begin_with(char c);
   push_result accept(char c);
+  void append_character(char c);
   void begin_value();
   void open_child(char container, entry_part part);
   push_result close_child(char c);
 
   const character_set* current_run() const;
-  push_result push_step(char c);
+  [[gnu::noinline]] push_result push_step(char c);  // so that push itself stays short
+  push_result push_anywhere(char c);
   push_result push_key(char c);
   push_result push_value(char c);
   push_result push_string(char c);
@@ -86,6 +88,8 @@ class reader : private std::string {
   push_result push_object(char c);
   push_result push_container(char c, char opening, char closing);
 
+  // The buffer is longer than what is used of it: a string that ends behind each character takes three times the time.
+  std::size_t used = 0;
   std::vector<char> open_containers;    // opening bracket of each container around the innermost value, outermost first
   std::size_t value_begin = 0;          // where the innermost value begins in the buffer
   std::size_t completed = 0;            // length of the outermost container's text without its open child
