@@ -1,5 +1,7 @@
 #include "json/codec.h"
 
+#include <cstring>
+
 #include "json/characters.h"
 #include "json/errors.h"
 #include "json/scanner.h"
@@ -122,7 +124,9 @@ std::string decode_string(const char* literal) {
 }
 
 std::string escape_string(const char* text) {
-  std::string literal = "\"";
+  std::string literal;
+  literal.reserve(std::strlen(text) + std::strlen("\"\""));
+  literal += '"';
   for (;;) {
     const char* end = ESCAPED.find(text);
     literal.append(text, static_cast<std::size_t>(end - text));

@@ -15,25 +15,15 @@
 namespace json {
 namespace {
 
-constexpr std::size_t COUNTED_SIZE = 1024;
+constexpr std::size_t USUAL_SIZE = 8;
+
+/// So many entries tell how much room the rest needs: growing step by step costs more than reading does.
+constexpr std::size_t SAMPLE_SIZE = 1024;
+/// Up to so many keys are compared each with each, more are sorted.
 constexpr std::size_t SCAN_LIMIT = 64;
 
 parsing_error not_an_object() {
   return parsing_error("Input is not a valid object");
-}
-
-/// How many values follow, keys included.
-std::size_t count_values(const char* position, scanner& value_scanner) {
-  std::size_t count = 0;
-  while (*skip_whitespace(position) != '\0' && value_scanner.read(position) != jtype::not_valid) {
-    ++count;
-    position = skip_whitespace(value_scanner.end());
-    if (*position != ',' && *position != ':') {
-      break;
-    }
-    ++position;
-  }
-  return count;
 }
 
 /// The eight bytes at this place as a number.
@@ -77,12 +67,14 @@ jobject jobject::parse(const char* input) {
   }
   jobject result(*position == '[');
   const char closing = result.array_flag ? ']' : '}';
+  const char* const begin = position;
   position = skip_whitespace(position + 1);
   scanner value_scanner;
   try {
     while (*position != '\0' && *position != closing) {
-      if (result.data.size() == COUNTED_SIZE) {
-        result.data.reserve(COUNTED_SIZE + count_values(position, value_scanner));
+      if (result.data.size() == SAMPLE_SIZE) {
+        const std::size_t usual_length = static_cast<std::size_t>(position - begin) / SAMPLE_SIZE;
+        result.data.reserve(SAMPLE_SIZE + std::strlen(position) / usual_length);
       }
       position = result.parse_entry(position, value_scanner);
     }
@@ -99,12 +91,12 @@ jobject jobject::parse(const char* input) {
 
 /// Reads and appends the entry at this position and returns where the next one, or the closing bracket, stands.
 const char* jobject::parse_entry(const char* position, scanner& value_scanner) {
-  kvp parsed;
+  std::string key;
   if (!array_flag) {
     if (value_scanner.read(position) != jtype::jstring) {
       throw not_an_object();
     }
-    parsed.key = decode_string(value_scanner.begin());
+    key = decode_string(value_scanner.begin());
     position = skip_whitespace(value_scanner.end());
     if (*position != ':') {
       throw not_an_object();
@@ -114,18 +106,17 @@ const char* jobject::parse_entry(const char* position, scanner& value_scanner) {
   if (value_scanner.read(position) == jtype::not_valid) {
     throw not_an_object();
   }
-  parsed.value = value_scanner.text();
   position = skip_whitespace(value_scanner.end());
   if (*position != ',' && *position != (array_flag ? ']' : '}')) {
     throw not_an_object();
   }
-  if (!array_flag && parsed.key.empty()) {
+  if (!array_flag && key.empty()) {
     throw parsing_error("Missing key");
   }
   if (data.empty()) {
-    data.reserve(8);
+    data.reserve(USUAL_SIZE);
   }
-  data.push_back(std::move(parsed));
+  data.emplace_back(std::move(key), value_scanner.text());
   return *position == ',' ? position + 1 : position;
 }
 
@@ -166,16 +157,16 @@ bool jobject::has_key(const std::string& key) const {
          std::any_of(data.begin(), data.end(), [&key](const kvp& candidate) { return candidate.key == key; });
 }
 
-void jobject::set(const std::string& key, const std::string& value_text) {
+void jobject::set(const std::string& key, std::string value_text) {
   if (array_flag) {
     throw invalid_key(key);
   }
   const auto found =
       std::find_if(data.begin(), data.end(), [&key](const kvp& candidate) { return candidate.key == key; });
   if (found != data.end()) {
-    found->value = value_text;
+    found->value = std::move(value_text);
   } else {
-    data.emplace_back(key, value_text);
+    data.emplace_back(key, std::move(value_text));
   }
 }
 

@@ -54,7 +54,7 @@ class jobject {
 
   /// Replaces the value text of the key in place, or appends it. The text is taken as it is. Throws invalid_key on an
   /// array.
-  void set(const std::string& key, const std::string& value_text);
+  void set(const std::string& key, std::string value_text);
 
   void remove(const std::string& key);
 

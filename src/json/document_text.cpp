@@ -1,3 +1,5 @@
+#include <cstring>
+
 #include "json/codec.h"
 #include "json/document.h"
 
@@ -18,7 +20,13 @@ struct open_document {
 }  // namespace
 
 std::string jobject::as_string() const {
-  std::string text(1, array_flag ? '[' : '{');
+  std::size_t length = std::strlen("{}");
+  for (const kvp& written : data) {
+    length += written.key.size() + written.value.size() + std::strlen("\"\":,");
+  }
+  std::string text;
+  text.reserve(length);
+  text += array_flag ? '[' : '{';
   for (const kvp& written : data) {
     if (!array_flag) {
       text += escape_string(written.key.c_str());

@@ -5,6 +5,7 @@
 #include "json/codec.h"
 #include "json/document.h"
 #include "json/errors.h"
+#include "json/scanner.h"
 
 namespace json {
 namespace {
@@ -48,7 +49,8 @@ std::vector<T> convert_elements(const std::string& text) {
 }
 
 jtype parsed_type(const std::string& text) {
-  return parse_value(text.c_str()).type;
+  scanner value_scanner;
+  return value_scanner.read(text.c_str());
 }
 
 }  // namespace

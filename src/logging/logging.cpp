@@ -2,7 +2,6 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
@@ -15,10 +14,14 @@
 #include <new>
 #include <string>
 
+#include "logging/LineText.h"
+
 namespace {
 
 constexpr int LINES_BETWEEN_SIZE_CHECKS = 100;
 constexpr std::int64_t SECONDS_PER_HOUR = 3600;
+constexpr long NANOSECONDS_PER_MILLISECOND = 1000000;
+constexpr std::size_t USUAL_LINE_BYTES = 4096;
 
 std::atomic<int> currentLevel{LOG_LEVEL_VERBOSE};
 
@@ -34,7 +37,8 @@ struct LogState {
   std::int64_t openedAt = 0;
   std::int64_t rotateAt = 0;
   int lineCount = 0;
-  std::time_t zoneReadAt = 0;
+  std::time_t brokenDownAt = -1;
+  std::tm brokenDown{};
 };
 
 /// Never destroyed: threads may log until the process is gone.
@@ -55,27 +59,26 @@ class ErrnoKeeper {
 };
 
 /// The local time now. The device's time zone may be set while the service runs: it is read again each second.
-std::tm localTime(LogState& log) {
+const std::tm& localTime(LogState& log) {
   const std::time_t now = std::time(nullptr);
-  if (now != log.zoneReadAt) {
+  if (now != log.brokenDownAt) {
     tzset();
-    log.zoneReadAt = now;
+    localtime_r(&now, &log.brokenDown);
+    log.brokenDownAt = now;
   }
-  std::tm broken{};
-  localtime_r(&now, &broken);
-  return broken;
+  return log.brokenDown;
 }
 
 /// The form of asctime without its line end.
 std::string dateText(LogState& log) {
-  const std::tm now = localTime(log);
+  const std::tm& now = localTime(log);
   char text[64] = "";
   static_cast<void>(std::strftime(text, sizeof text, "%a %b %e %H:%M:%S %Y", &now));
   return text;
 }
 
 std::string timeStampedName(LogState& log) {
-  const std::tm now = localTime(log);
+  const std::tm& now = localTime(log);
   char stamp[64] = "";
   static_cast<void>(std::strftime(stamp, sizeof stamp, "-%Y-%m-%d-%H-%M-%S.log", &now));
   return log.prefix + stamp;
@@ -180,9 +183,16 @@ LineHead makeHead(LogState& log, const char* file, int line) {
   if (log.timestamps) {
     std::timespec precise{};
     clock_gettime(CLOCK_REALTIME, &precise);
-    const std::tm now = localTime(log);
-    static_cast<void>(std::snprintf(head.time, sizeof head.time, "%02d:%02d:%02d.%03ld ", now.tm_hour, now.tm_min,
-                                    now.tm_sec, static_cast<long>(static_cast<double>(precise.tv_nsec) / 1000000.0)));
+    const std::tm& now = localTime(log);
+    LineText time(head.time, sizeof head.time - 1);
+    time.addNumber(now.tm_hour, 2);
+    time.add(":");
+    time.addNumber(now.tm_min, 2);
+    time.add(":");
+    time.addNumber(now.tm_sec, 2);
+    time.add(".");
+    time.addNumber(static_cast<int>(precise.tv_nsec / NANOSECONDS_PER_MILLISECOND), 3);
+    time.add(" ");
   }
   return head;
 }
@@ -193,26 +203,27 @@ std::size_t formatLine(char* buffer, std::size_t capacity, const LineHead& head,
 
 std::size_t formatLine(char* buffer, std::size_t capacity, const LineHead& head, const char* format,
                        va_list arguments) {
-  const auto rest = [&](std::size_t used) { return used < capacity ? capacity - used : 0; };
-  const auto end = [&](std::size_t used) { return buffer + std::min(used, capacity); };
-  const auto added = [](int printed) { return static_cast<std::size_t>(std::max(printed, 0)); };
-
-  std::size_t length = added(std::snprintf(buffer, capacity, "%s[%s:%d] ", head.time, head.file, head.line));
-  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the analyzer does not see that the caller started the list
-  length += added(std::vsnprintf(end(length), rest(length), format, arguments));
+  LineText text(buffer, capacity);
+  text.add(head.time);
+  text.add("[");
+  text.add(head.file != nullptr ? head.file : "(null)");
+  text.add(":");
+  text.addNumber(head.line);
+  text.add("] ");
+  text.addFormatted(format, arguments);
   // Kept: the format decides about the line end, not the finished text.
   const std::size_t formatLength = std::strlen(format);
   if (formatLength > 0 && format[formatLength - 1] != '\n') {
-    length += added(std::snprintf(end(length), rest(length), "\n"));
+    text.add("\n");
   }
-  return length;
+  return text.length();
 }
 
 void writeLine(std::FILE* stream, const LineHead& head, const char* format, va_list arguments)
     __attribute__((format(printf, 3, 0)));
 
 void writeLine(std::FILE* stream, const LineHead& head, const char* format, va_list arguments) {
-  char shortLine[1024];
+  char shortLine[USUAL_LINE_BYTES];
   char* line = shortLine;
   std::unique_ptr<char[]> longLine;
   va_list again;

@@ -113,9 +113,10 @@ Transfer sendAll(int connection, const std::string& bytes) {
 std::string makeFrame(const std::string& text) {
   const std::size_t textLength = std::strlen(text.c_str());
   const std::uint32_t prefix = htonl(static_cast<std::uint32_t>(textLength));
-  std::string frame(LENGTH_BYTES, '\0');
+  std::string frame(LENGTH_BYTES + textLength, '\0');
   std::memcpy(frame.data(), &prefix, LENGTH_BYTES);
-  return frame.append(text, 0, textLength);
+  std::memcpy(frame.data() + LENGTH_BYTES, text.data(), textLength);
+  return frame;
 }
 
 }  // namespace velo::ssoService
