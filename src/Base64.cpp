@@ -1,36 +1,40 @@
 #include "Base64.h"
 
+#include <array>
 #include <cstdint>
+#include <string_view>
 
 namespace velo::ssoService {
 namespace {
 
 constexpr unsigned BITS_PER_DIGIT = 6;
 constexpr unsigned BITS_PER_BYTE = 8;
-constexpr int NOT_IN_ALPHABET = -1;
+constexpr std::int8_t NOT_IN_ALPHABET = -1;
 
-int digitValue(char digit) {
-  if (digit >= 'A' && digit <= 'Z') {
-    return digit - 'A';
+constexpr std::string_view ALPHABET = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+constexpr std::array<std::int8_t, 256> digitValues() {
+  std::array<std::int8_t, 256> values{};
+  for (std::int8_t& value : values) {
+    value = NOT_IN_ALPHABET;
   }
-  if (digit >= 'a' && digit <= 'z') {
-    return digit - 'a' + 26;
+  for (std::size_t value = 0; value < ALPHABET.size(); ++value) {
+    values[static_cast<unsigned char>(ALPHABET[value])] = static_cast<std::int8_t>(value);
   }
-  if (digit >= '0' && digit <= '9') {
-    return digit - '0' + 52;
-  }
-  return digit == '+' ? 62 : (digit == '/' ? 63 : NOT_IN_ALPHABET);
+  return values;
 }
+
+constexpr std::array<std::int8_t, 256> DIGIT_VALUES = digitValues();
 
 }  // namespace
 
 std::string base64Decode(const std::string& text) {
-  std::string bytes;
-  bytes.reserve(text.size() / 4 * 3 + 2);
+  std::string bytes(text.size() / 4 * 3 + 2, '\0');
+  std::size_t length = 0;
   std::uint32_t bits = 0;
   unsigned bitCount = 0;
   for (const char digit : text) {
-    const int value = digitValue(digit);
+    const int value = DIGIT_VALUES[static_cast<unsigned char>(digit)];
     if (value == NOT_IN_ALPHABET) {
       break;
     }
@@ -38,9 +42,11 @@ std::string base64Decode(const std::string& text) {
     bitCount += BITS_PER_DIGIT;
     if (bitCount >= BITS_PER_BYTE) {
       bitCount -= BITS_PER_BYTE;
-      bytes += static_cast<char>((bits >> bitCount) & 0xFFU);
+      bytes[length] = static_cast<char>((bits >> bitCount) & 0xFFU);
+      ++length;
     }
   }
+  bytes.resize(length);
   return bytes;
 }
 

@@ -190,14 +190,62 @@ TEST(JsonLargeInput, FiftyThousandKeysKeepTheirOrder) {
   EXPECT_TRUE(object.as_string() == manyMembers().substr(0, manyMembers().size() - 1) + "}");
 }
 
+std::string parseError(const std::string& text) {
+  try {
+    jobject::parse(text);
+    return "";
+  } catch (const json::parsing_error& thrown) {
+    return thrown.what();
+  }
+}
+
+/// So many members, all of whose keys have one length, one beginning and one end.
+std::string alikeMembers(std::size_t count) {
+  std::string text = "{";
+  for (std::size_t index = 0; index < count; ++index) {
+    text += "\"the same beginning " + std::to_string(100000 + index) + " and the same end\":0,";
+  }
+  return text;
+}
+
+TEST(JsonLargeInput, KeysThatAreAlikeAreToldApart) {
+  for (const std::size_t count : {2U, 63U, 64U, 65U, 66U, 1023U, 1024U, 1025U, 1026U, 5000U}) {
+    const std::string members = alikeMembers(count);
+    EXPECT_EQ(jobject::parse(members + "}").size(), count);
+    const std::string first = members.substr(1, members.find(',') - 1);
+    EXPECT_EQ(parseError(members + first + "}"), "Key conflict") << count;
+    EXPECT_EQ(parseError(members + "\"the same beginning " + std::to_string(99999 + count) + " and the same end\":1}"),
+              "Key conflict")
+        << count;
+    EXPECT_EQ(parseError(members + "\"the same end\":1}"), "") << count;
+  }
+}
+
+TEST(JsonLargeInput, OfSeveralErrorsTheFirstIsReported) {
+  for (const std::size_t count : {1U, 63U, 64U, 65U, 66U, 1100U}) {
+    const std::string members = alikeMembers(count);
+    const std::string again = members.substr(1, members.find(',') - 1);
+    for (const char* rest : {",}x", ",\"b\" 1}", ",\"\":1}", ",1:2}", ",\"b\":", ",\"b\":tru}", ", "}) {
+      EXPECT_EQ(parseError(members + again + rest), "Key conflict") << count << rest;
+    }
+    EXPECT_EQ(parseError(members + "\"\":1," + again + "}"), "Missing key") << count;
+    EXPECT_EQ(parseError(members + "\"b\" 1," + again + "}"), "Input is not a valid object") << count;
+    EXPECT_EQ(parseError(members + again + " x}"), "Input is not a valid object") << count;
+  }
+}
+
+TEST(JsonLargeInput, EntriesMayBecomeLongerOrShorterOnTheWay) {
+  const auto sizeOf = [](const std::string& text) { return jobject::parse(text).size(); };
+  const std::string shortOnes = repeated("1,", 3000);
+  const std::string longOnes = repeated("\"" + std::string(1000, 'x') + "\",", 1500);
+  EXPECT_EQ(sizeOf("[" + shortOnes + longOnes + "1]"), 4501U);
+  EXPECT_EQ(sizeOf("[" + longOnes + shortOnes + "1]"), 4501U);
+  EXPECT_EQ(sizeOf("[" + repeated("1,", 1024) + "\"" + std::string(LONG, 'x') + "\"]"), 1025U);
+}
+
 TEST(JsonLargeInput, RepeatedKeyAmongFiftyThousandIsFound) {
   for (const char* repeatedKey : {"k0", "k15", "k16", "k17", "k25000", "k49999"}) {
-    try {
-      jobject::parse(manyMembers() + "\"" + repeatedKey + "\":1}");
-      ADD_FAILURE() << repeatedKey;
-    } catch (const json::parsing_error& thrown) {
-      EXPECT_STREQ(thrown.what(), "Key conflict") << repeatedKey;
-    }
+    EXPECT_EQ(parseError(manyMembers() + "\"" + repeatedKey + "\":1}"), "Key conflict") << repeatedKey;
   }
 }
 
