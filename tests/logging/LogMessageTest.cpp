@@ -158,7 +158,7 @@ TEST_F(LogMessage, IsFlushedAtOnce) {
 }
 
 TEST_F(LogMessage, OfAnyLengthIsOneLine) {
-  for (std::size_t length = 1000; length < 1050; ++length) {
+  for (std::size_t length = 4070; length < 4110; ++length) {
     const std::string text(length, 'x');
     EXPECT_EQ(logged([&] { log_message("a", 1, LOG_LEVEL_ERROR, "%s", text.c_str()); }), "[a:1] " + text + "\n")
         << length;
@@ -170,7 +170,7 @@ TEST_F(LogMessage, OfAnyLengthIsOneLine) {
 }
 
 TEST_F(LogMessage, LongFormatAndLongSourceAreWrittenWhole) {
-  const std::string text(3000, 'x');
+  const std::string text(5000, 'x');
   EXPECT_EQ(logged([&] { logUnchecked("a", 1, LOG_LEVEL_ERROR, text.c_str()); }), "[a:1] " + text + "\n");
   EXPECT_EQ(logged([&] { log_message(text.c_str(), 1, LOG_LEVEL_ERROR, "text"); }), "[" + text + ":1] text\n");
 }
