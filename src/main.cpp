@@ -1,3 +1,4 @@
+#include <malloc.h>
 #include <openssl/crypto.h>
 
 #include <cstdio>
@@ -28,6 +29,7 @@ int main(int argc, char** argv) {
   occupyStandardDescriptors();
   takeStopSignals();
   limitThreadStacks();
+  mallopt(M_ARENA_MAX, 1);  // the threads share one heap: a second one costs a megabyte
   // API threads may be inside OpenSSL when the process ends: nothing may be taken from under them.
   OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
   readLoggingSettings(configPath);

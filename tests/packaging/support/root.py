@@ -18,7 +18,7 @@ from .waiting import wait_until
 RELEASES = {"amd64": "bookworm", "armhf": "bullseye"}
 _PROJECT = Path(__file__).resolve().parents[3]
 # What the packages depend on, so that they can be installed without a mirror.
-_DEPENDENCIES = ("adduser", "ca-certificates", "libcurl4", "libjwt0", "libstdc++6")
+_DEPENDENCIES = ("adduser", "ca-certificates", "libcurl4", "libjwt0")
 # The first process of the root: a shell that waits, and so reaps what is left to it.
 _FIRST_PROCESS = ('mount -t proc proc "$1/proc" && mount --rbind /dev "$1/dev" && : >"$2" && '
                   '{ sleep infinity & wait; }')
