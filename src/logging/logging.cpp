@@ -246,7 +246,7 @@ void writeLine(std::FILE* stream, const LineHead& head, const char* format, va_l
 }  // namespace
 
 void log_message(const char* file, int line, int level, const char* format, ...) {
-  if (level > currentLevel || format == nullptr) {
+  if (level > currentLevel.load(std::memory_order_relaxed) || format == nullptr) {
     return;
   }
   const ErrnoKeeper keeper;
