@@ -33,7 +33,7 @@ def time_row(group):
 def allocation_row(group, at_most):
     who = next(iter(group.runs))
     return row(group.operation, group.setting, "allocations a line", "", group.values(who, "allocations"),
-               at_most=at_most)
+               at_most=at_most, exact=True)
 
 
 if __name__ == "__main__":

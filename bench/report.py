@@ -1,4 +1,5 @@
-"""Prints the tables of sections, says which goals are met, and writes it all to one file.
+"""Prints the tables of sections, says which goals are met, and writes it all to one file. Fails when an exact figure
+misses its goal.
 
     report.py SECTION... --output FILE"""
 
@@ -8,6 +9,7 @@ import os
 import pathlib
 import platform
 import re
+import sys
 
 
 def main():
@@ -24,6 +26,7 @@ def main():
     if judged:
         print(f"\n{sum(row['met'] for row in judged)} of {len(judged)} goals met")
     options.output.write_text(json.dumps({"machine": machine(), "sections": sections}, indent=1) + "\n")
+    return 1 if any(row["exact"] and row["met"] is False for section in sections for row in section["rows"]) else 0
 
 
 def is_met(row):
@@ -77,4 +80,4 @@ def number(value):
 
 
 if __name__ == "__main__":
-    main()
+    sys.exit(main())
