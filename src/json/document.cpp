@@ -1,15 +1,14 @@
 #include "json/document.h"
 
 #include <algorithm>
-#include <climits>
 #include <cstddef>
-#include <cstdint>
 #include <cstring>
 #include <utility>
 
 #include "json/characters.h"
 #include "json/codec.h"
 #include "json/errors.h"
+#include "json/repeated_key.h"
 #include "json/scanner.h"
 
 namespace json {
@@ -19,40 +18,10 @@ constexpr std::size_t USUAL_SIZE = 8;
 
 /// So many entries tell how much room the rest needs: growing step by step costs more than reading does.
 constexpr std::size_t SAMPLE_SIZE = 1024;
-/// Up to so many keys are compared each with each, more are sorted.
-constexpr std::size_t SCAN_LIMIT = 64;
 
 parsing_error not_an_object() {
   return parsing_error("Input is not a valid object");
 }
-
-/// The eight bytes at this place as a number.
-std::uint64_t eight_bytes(const char* place) {
-  std::uint64_t number = 0;
-  std::memcpy(&number, place, sizeof number);
-  return number;
-}
-
-/// A key and a number made of its length and some of its bytes, by which most keys differ without a look at their
-/// texts.
-struct marked_key {
-  explicit marked_key(const std::string& text) : mark(text.size()), key(&text) {
-    constexpr std::uint64_t ODD_FACTOR = 0x9E3779B97F4A7C15U;  // spreads the bytes over the number
-    if (text.size() >= sizeof mark) {
-      mark += eight_bytes(text.data()) * ODD_FACTOR ^ eight_bytes(text.data() + text.size() - sizeof mark);
-    } else {
-      for (const char c : text) {
-        mark = mark << CHAR_BIT | static_cast<unsigned char>(c);
-      }
-    }
-  }
-
-  bool operator<(const marked_key& other) const { return mark != other.mark ? mark < other.mark : *key < *other.key; }
-  bool operator==(const marked_key& other) const { return mark == other.mark && *key == *other.key; }
-
-  std::uint64_t mark;
-  const std::string* key;
-};
 
 }  // namespace
 
@@ -120,25 +89,8 @@ const char* jobject::parse_entry(const char* position, scanner& value_scanner) {
   return *position == ',' ? position + 1 : position;
 }
 
-/// Looks for repeated keys in one go, where scanning all entries at each append would cost the square of their number.
-/// Sorting, no choice of keys makes it slow. Throws parsing_error "Key conflict".
 void jobject::check_distinct_keys() const {
-  if (array_flag || data.size() < 2) {
-    return;
-  }
-  std::vector<marked_key> keys;
-  keys.reserve(data.size());
-  for (const kvp& known : data) {
-    keys.emplace_back(known.key);
-    if (data.size() <= SCAN_LIMIT && std::find(keys.begin(), keys.end() - 1, keys.back()) != keys.end() - 1) {
-      throw parsing_error("Key conflict");
-    }
-  }
-  if (data.size() <= SCAN_LIMIT) {
-    return;
-  }
-  std::sort(keys.begin(), keys.end());
-  if (std::adjacent_find(keys.begin(), keys.end()) != keys.end()) {
+  if (!array_flag && has_repeated_key(data)) {
     throw parsing_error("Key conflict");
   }
 }
