@@ -2,6 +2,7 @@
    own, and its RSA operations, and nothing else.
 
      bare_token KEY CERTIFICATE DISCOVERY_URL OPENID_CONFIGURATION_URL TOKEN_URL    prints the token
+     bare_token --anew KEY ...    the same; reads the key for each block and for the signature, keeping none in memory
      bare_token --wait KEY CERTIFICATE URL    one request and one signature; says "ready", waits for its input's end */
 #include <curl/curl.h>
 #include <openssl/evp.h>
@@ -91,21 +92,29 @@ static void read_certificate(const char* path) {
   X509_free(certificate);
 }
 
-static void decrypt(EVP_PKEY* key, const char* base64) {
-  static unsigned char blocks[LARGEST_BODY];
+static void decrypt_block(EVP_PKEY* key, const unsigned char* block) {
   unsigned char plain[BLOCK_SIZE];
-  const int length = EVP_DecodeBlock(blocks, (const unsigned char*)base64, (int)strlen(base64));
-  require(length >= BLOCK_SIZE, "EVP_DecodeBlock");
+  size_t plain_length = sizeof plain;
   EVP_PKEY_CTX* context = EVP_PKEY_CTX_new(key, NULL);
   require(context != NULL && EVP_PKEY_decrypt_init(context) > 0 &&
-              EVP_PKEY_CTX_set_rsa_padding(context, RSA_PKCS1_OAEP_PADDING) > 0,
-          "EVP_PKEY_decrypt_init");
+              EVP_PKEY_CTX_set_rsa_padding(context, RSA_PKCS1_OAEP_PADDING) > 0 &&
+              EVP_PKEY_decrypt(context, plain, &plain_length, block, BLOCK_SIZE) > 0,
+          "EVP_PKEY_decrypt");
+  EVP_PKEY_CTX_free(context);
+}
+
+static void decrypt(EVP_PKEY** key, const char* key_path, int anew, const char* base64) {
+  static unsigned char blocks[LARGEST_BODY];
+  const int length = EVP_DecodeBlock(blocks, (const unsigned char*)base64, (int)strlen(base64));
+  require(length >= BLOCK_SIZE, "EVP_DecodeBlock");
   /* The decoded length counts the padding of base64 as bytes, which are fewer than a block. */
   for (int offset = 0; offset + BLOCK_SIZE <= length; offset += BLOCK_SIZE) {
-    size_t plain_length = sizeof plain;
-    require(EVP_PKEY_decrypt(context, plain, &plain_length, blocks + offset, BLOCK_SIZE) > 0, "EVP_PKEY_decrypt");
+    decrypt_block(*key, blocks + offset);
+    if (anew) { /* for the next block, or for the signature */
+      EVP_PKEY_free(*key);
+      *key = read_key(key_path);
+    }
   }
-  EVP_PKEY_CTX_free(context);
 }
 
 /* The token request, with an assertion that is signed but not new. */
@@ -134,8 +143,9 @@ int main(int count, char** arguments) {
   static struct body body;
   char form[2048];
   const int wait = count == 5 && strcmp(arguments[1], "--wait") == 0;
-  require(wait || count == 6, "arguments");
-  arguments += wait ? 2 : 1;
+  const int anew = count == 7 && strcmp(arguments[1], "--anew") == 0;
+  require(wait || anew || count == 6, "arguments");
+  arguments += wait || anew ? 2 : 1;
   curl_global_init(CURL_GLOBAL_ALL);
   EVP_PKEY* key = read_key(arguments[0]);
   read_certificate(arguments[1]);
@@ -147,7 +157,7 @@ int main(int count, char** arguments) {
     getchar();
     return 0;
   }
-  decrypt(key, member(&body, "\"data\""));
+  decrypt(&key, arguments[0], anew, member(&body, "\"data\""));
   request(arguments[3], NULL, &body);
   write_form(key, form, sizeof form);
   request(arguments[4], form, &body);
