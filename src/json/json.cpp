@@ -1,5 +1,6 @@
 #include "json/json.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cstring>
 #include <utility>
@@ -40,13 +41,11 @@ constexpr const char* str_true = "true";
 constexpr const char* str_false = "false";
 constexpr const char* str_null = "null";
 
+constexpr std::size_t USUAL_LENGTH = 500;
+
 // By this name failed assertions speak of it.
 bool IS_DIGIT(char c) {
   return is_digit(c);
-}
-
-number_state after_first_digit(char digit) {
-  return digit == '0' ? NUMBER_ZERO : NUMBER_INTEGER;
 }
 
 }  // namespace
@@ -57,24 +56,17 @@ reader::reader() {
 
 void reader::clear() {
   used = 0;
-  open_containers.clear();
-  value_begin = 0;
+  ends.clear();
   completed = 0;
-  value_type = jtype::not_valid;
-  set_state(0);
-  part = ENTRY_VALUE;
+  begin_value();
 }
 
 jtype reader::type() const {
   return used == 0 ? jtype::not_valid : type_of(front());
 }
 
-bool reader::is_valid() const {
-  return open_containers.empty() && value_is_valid();
-}
-
 std::string reader::readout() const {
-  return substr(0, open_containers.empty() ? used : completed);
+  return substr(0, ends.empty() ? used : completed);
 }
 
 bool reader::value_is_valid() const {
@@ -87,124 +79,83 @@ bool reader::value_is_valid() const {
     case jtype::jarray:
       return state == CONTAINER_CLOSED;
     case jtype::jbool:
-      return compare(value_begin, length(), str_true) == 0 || compare(value_begin, length(), str_false) == 0;
+      return back() == 'e';  // true and false both end with their only e
     case jtype::jnull:
-      return compare(value_begin, length(), str_null) == 0;
+      return length() == std::strlen(str_null);
     case jtype::not_valid:
       return false;
   }
   throw std::logic_error("Unexpected return");
 }
 
-/// A value's first character.
-reader::push_result reader::begin_with(char c) {
-  value_type = type_of(c);
-  return accept(c);
+bool reader::is_valid() const {
+  return ends.empty() && value_is_valid();
 }
 
-reader::push_result reader::accept(char c) {
+void reader::append_character(char c) {
+  (*this)[used] = c;
+  ++used;
+}
+
+reader::push_result reader::accept(char c, char next_state, const character_set& next_run) {
+  state = next_state;
+  run = &next_run;
   append_character(c);
   return ACCEPTED;
 }
 
-void reader::append_character(char c) {
-  if (used == size()) {
-    resize(used < capacity() ? capacity() : 2 * used);
+/// A value's first character, which gives it this type.
+reader::push_result reader::begin_with(jtype type, char c) {
+  value_type = type;
+  switch (type) {
+    case jtype::jstring:
+      return accept(c, STRING_OPENED);
+    case jtype::jnumber:
+      return c == '-' ? accept(c, NUMBER_MINUS) : accept_first_digit(c);
+    case jtype::jobject:
+    case jtype::jarray:
+      return accept(c, CONTAINER_OPENED);
+    default:
+      return accept(c, state);
   }
-  (*this)[used] = c;
-  ++used;
+}
+
+reader::push_result reader::accept_first_digit(char c) {
+  return c == '0' ? accept(c, NUMBER_ZERO) : accept(c, NUMBER_INTEGER, DIGITS);
 }
 
 void reader::begin_value() {
   value_begin = used;
   value_type = jtype::not_valid;
-  state = 0;
+  set_state(0);
 }
 
-void reader::open_child(char container, entry_part child_part) {
-  if (open_containers.empty()) {
+void reader::open_child(char end) {
+  if (ends.empty()) {
     completed = used;
   }
-  open_containers.push_back(container);
-  part = child_part;
+  ends.push_back(end);
   begin_value();
 }
 
-/// The child is complete and c, a comma or a closing bracket, makes its container the innermost value again.
-reader::push_result reader::close_child(char c) {
-  value_type = open_containers.back() == '[' ? jtype::jarray : jtype::jobject;
-  open_containers.pop_back();
-  value_begin = 0;     // only the text of strings, numbers and words is looked at, and those have no children
-  part = ENTRY_VALUE;  // a container in an object is always the value of its entry
-  state = c == ',' ? CONTAINER_COMMA : CONTAINER_CLOSED;
-  return accept(c);
-}
-
 reader::push_result reader::push(char c) {
-  if (run->has(c) && used != size()) {
-    (*this)[used] = c;
-    ++used;
+  if (used == size()) {
+    return grow_and_push(c);
+  }
+  if (run->has(c)) {
+    append_character(c);
     return ACCEPTED;
   }
   return push_step(c);
 }
 
+reader::push_result reader::grow_and_push(char c) {
+  resize(used < capacity() ? capacity() : std::max(USUAL_LENGTH, 2 * used));
+  return push_step(c);
+}
+
+/// A character that changes the state, white space, or one that is not accepted.
 reader::push_result reader::push_step(char c) {
-  const push_result result = push_anywhere(c);
-  run = current_run();
-  return result;
-}
-
-/// The characters that the innermost value accepts now without a change of its state.
-const character_set* reader::current_run() const {
-  if (value_type == jtype::jstring && state == STRING_BODY) {
-    return &PLAIN;
-  }
-  const bool digits = state == NUMBER_INTEGER || state == NUMBER_FRACTION || state == NUMBER_EXPONENT;
-  return value_type == jtype::jnumber && digits ? &DIGITS : &NOTHING;
-}
-
-reader::push_result reader::push_anywhere(char c) {
-  if (open_containers.empty()) {
-    return used == 0 && is_whitespace(c) ? ACCEPTED : push_value(c);
-  }
-  if (part == ENTRY_KEY) {
-    return push_key(c);
-  }
-  const bool entry = open_containers.back() == '{';
-  if (value_is_valid()) {
-    // Kept: this is so behind a complete number too, which the next digit goes on with, so [1 2] reads as [12].
-    if (is_whitespace(c)) {
-      return WHITESPACE;
-    }
-    if (c == ',' || c == (entry ? '}' : ']')) {
-      return close_child(c);
-    }
-  } else if (entry && value_type == jtype::not_valid && is_whitespace(c)) {
-    return WHITESPACE;
-  }
-  return push_value(c);
-}
-
-/// A character for the key of an object's entry, or for the colon behind it.
-reader::push_result reader::push_key(char c) {
-  if (state != STRING_CLOSED) {
-    return push_string(c);
-  }
-  if (is_whitespace(c)) {
-    return WHITESPACE;
-  }
-  if (c != ':') {
-    return REJECTED;
-  }
-  append_character(c);
-  part = ENTRY_VALUE;
-  begin_value();
-  return ACCEPTED;
-}
-
-/// A character for the innermost value, whatever is around it.
-reader::push_result reader::push_value(char c) {
   push_result result = REJECTED;
   switch (value_type == jtype::not_valid ? type_of(c) : value_type) {
     case jtype::jstring:
@@ -218,40 +169,65 @@ reader::push_result reader::push_value(char c) {
     case jtype::jbool:
       result = push_boolean(c);
       assert(result != WHITESPACE);
-      return result;
+      return result == REJECTED && value_is_valid() ? push_behind(c) : result;
     case jtype::jnull:
       result = push_null(c);
       assert(result != WHITESPACE);
-      return result;
+      return result == REJECTED && value_is_valid() ? push_behind(c) : result;
     case jtype::not_valid:
+      if (is_whitespace(c) && length() == 0) {
+        return ends.empty() ? ACCEPTED : WHITESPACE;
+      }
       return REJECTED;
   }
   throw std::logic_error("Unexpected return");
+}
+
+/// A character behind the innermost value, which is complete. Kept: a number that is complete can go on, behind white
+/// space too, so [1 2] reads as [12].
+reader::push_result reader::push_behind(char c) {
+  if (ends.empty()) {
+    return REJECTED;
+  }
+  const char end = ends.back();
+  if (c == ',' ? end == ':' : c != end) {
+    return is_whitespace(c) ? WHITESPACE : REJECTED;
+  }
+  if (end == ':') {
+    return push_colon(c);
+  }
+  ends.pop_back();
+  value_type = end == ']' ? jtype::jarray : jtype::jobject;
+  return accept(c, c == ',' ? CONTAINER_COMMA : CONTAINER_CLOSED);
+}
+
+/// The colon behind a key: now the closing brace ends the innermost value.
+reader::push_result reader::push_colon(char c) {
+  append_character(c);
+  ends.back() = '}';
+  begin_value();
+  return ACCEPTED;
 }
 
 reader::push_result reader::push_string(char c) {
   switch (state) {
     case STRING_EMPTY:
       assert(this->length() == 0);
-      if (c != '"') {
-        return REJECTED;
-      }
-      state = STRING_OPENED;
-      return begin_with(c);
+      return c == '"' ? begin_with(jtype::jstring, c) : REJECTED;
     case STRING_OPENED:
       assert(this->length() == 1);
       [[fallthrough]];
     case STRING_BODY:
       assert(this->length() > 0);
-      // Kept: every other byte belongs to the body, control bytes and NUL included.
-      state = c == '"' ? STRING_CLOSED : (c == '\\' ? STRING_ESCAPE : STRING_BODY);
-      return accept(c);
+      if (c == '"' || c == '\\') {
+        return accept(c, c == '"' ? STRING_CLOSED : STRING_ESCAPE);
+      }
+      return accept(c, STRING_BODY, PLAIN);  // Kept: control bytes and NUL included.
     case STRING_ESCAPE:
       if (!is_escape_letter(c)) {
         return REJECTED;
       }
-      state = c == 'u' ? STRING_HEX_0 : STRING_BODY;
-      return accept(c);
+      return c == 'u' ? accept(c, STRING_HEX_0) : accept(c, STRING_BODY, PLAIN);
     case STRING_HEX_0:
       assert(this->back() == 'u');
       break;
@@ -261,15 +237,14 @@ reader::push_result reader::push_string(char c) {
       assert(is_hex_digit(this->back()));
       break;
     case STRING_CLOSED:
-      return REJECTED;
+      return push_behind(c);
     default:
       throw std::logic_error("Unexpected return");
   }
   if (!is_hex_digit(c)) {
     return REJECTED;
   }
-  state = state == STRING_HEX_3 ? static_cast<char>(STRING_BODY) : static_cast<char>(state + 1);
-  return accept(c);
+  return state == STRING_HEX_3 ? accept(c, STRING_BODY, PLAIN) : accept(c, static_cast<char>(state + 1));
 }
 
 reader::push_result reader::push_number(char c) {
@@ -277,61 +252,39 @@ reader::push_result reader::push_number(char c) {
   switch (state) {
     case NUMBER_EMPTY:
       assert(this->length() == 0);
-      if (c == '-') {
-        state = NUMBER_MINUS;
-        return begin_with(c);
-      }
-      if (!digit) {
-        return REJECTED;
-      }
-      state = after_first_digit(c);
-      return begin_with(c);
+      return digit || c == '-' ? begin_with(jtype::jnumber, c) : REJECTED;
     case NUMBER_MINUS:
-      if (!digit) {
-        return REJECTED;
-      }
-      state = after_first_digit(c);
-      return accept(c);
+      return digit ? accept_first_digit(c) : REJECTED;
     case NUMBER_INTEGER:
       assert(IS_DIGIT(this->back()));
       if (digit) {
-        return accept(c);
+        return accept(c, NUMBER_INTEGER, DIGITS);
       }
       [[fallthrough]];
     case NUMBER_ZERO:
-      if (c != '.' && !is_exponent_mark(c)) {
-        return REJECTED;
+      if (c == '.') {
+        return accept(c, NUMBER_POINT);
       }
-      state = c == '.' ? NUMBER_POINT : NUMBER_EXPONENT_MARK;
-      return accept(c);
+      return is_exponent_mark(c) ? accept(c, NUMBER_EXPONENT_MARK) : push_behind(c);
     case NUMBER_POINT:
       assert(this->back() == '.');
-      if (!digit) {
-        return REJECTED;
-      }
-      state = NUMBER_FRACTION;
-      return accept(c);
+      return digit ? accept(c, NUMBER_FRACTION, DIGITS) : REJECTED;
     case NUMBER_FRACTION:
       assert(IS_DIGIT(this->back()));
-      if (!digit && !is_exponent_mark(c)) {
-        return REJECTED;
+      if (digit) {
+        return accept(c, NUMBER_FRACTION, DIGITS);
       }
-      state = digit ? NUMBER_FRACTION : NUMBER_EXPONENT_MARK;
-      return accept(c);
+      return is_exponent_mark(c) ? accept(c, NUMBER_EXPONENT_MARK) : push_behind(c);
     case NUMBER_EXPONENT_MARK:
       assert(this->back() == 'e' || this->back() == 'E');
-      if (!digit && c != '+' && c != '-') {
-        return REJECTED;
+      if (c == '+' || c == '-') {
+        return accept(c, NUMBER_EXPONENT_SIGN);
       }
-      state = digit ? NUMBER_EXPONENT : NUMBER_EXPONENT_SIGN;
-      return accept(c);
+      [[fallthrough]];
     case NUMBER_EXPONENT_SIGN:
+      return digit ? accept(c, NUMBER_EXPONENT, DIGITS) : REJECTED;
     case NUMBER_EXPONENT:
-      if (!digit) {
-        return REJECTED;
-      }
-      state = NUMBER_EXPONENT;
-      return accept(c);
+      return digit ? accept(c, NUMBER_EXPONENT, DIGITS) : push_behind(c);
     default:
       throw std::logic_error("Unexpected return");
   }
@@ -340,7 +293,7 @@ reader::push_result reader::push_number(char c) {
 reader::push_result reader::push_boolean(char c) {
   const std::size_t position = length();
   if (position == 0) {
-    return c == 't' || c == 'f' ? begin_with(c) : REJECTED;
+    return c == 't' || c == 'f' ? begin_with(jtype::jbool, c) : REJECTED;
   }
   const char first = (*this)[value_begin];
   if (first != 't' && first != 'f') {
@@ -348,7 +301,7 @@ reader::push_result reader::push_boolean(char c) {
   }
   const char* str = first == 't' ? str_true : str_false;
   assert(str == str_true || str == str_false);
-  return position < std::strlen(str) && str[position] == c ? accept(c) : REJECTED;
+  return c != '\0' && str[position] == c ? accept(c, state) : REJECTED;
 }
 
 reader::push_result reader::push_null(char c) {
@@ -359,7 +312,7 @@ reader::push_result reader::push_null(char c) {
   if (c == '\0' || str_null[position] != c) {
     return REJECTED;
   }
-  return position == 0 ? begin_with(c) : accept(c);
+  return position == 0 ? begin_with(jtype::jnull, c) : accept(c, state);
 }
 
 reader::push_result reader::push_array(char c) {
@@ -370,31 +323,25 @@ reader::push_result reader::push_object(char c) {
   return push_container(c, '{', '}');
 }
 
-/// A character for a container without an open child.
+/// A character for or behind a container without an open child.
 reader::push_result reader::push_container(char c, char opening, char closing) {
+  jtype child = jtype::not_valid;
   switch (state) {
     case CONTAINER_EMPTY:
-      if (c != opening) {
-        return REJECTED;
-      }
-      state = CONTAINER_OPENED;
-      return begin_with(c);
+      return c == opening ? begin_with(type_of(c), c) : REJECTED;
     case CONTAINER_OPENED:
     case CONTAINER_COMMA:
-      if (is_whitespace(c)) {
-        return WHITESPACE;
+      child = type_of(c);
+      if (opening == '[' ? child != jtype::not_valid : child == jtype::jstring) {
+        open_child(opening == '[' ? ']' : ':');
+        return begin_with(child, c);
       }
       if (c == closing && state == CONTAINER_OPENED) {
-        state = CONTAINER_CLOSED;
-        return accept(c);
+        return accept(c, CONTAINER_CLOSED);
       }
-      if (opening == '[' ? type_of(c) == jtype::not_valid : c != '"') {
-        return REJECTED;
-      }
-      open_child(opening, opening == '[' ? ENTRY_VALUE : ENTRY_KEY);
-      return push_value(c);
+      return is_whitespace(c) ? WHITESPACE : REJECTED;
     case CONTAINER_CLOSED:
-      return REJECTED;
+      return push_behind(c);
     default:
       throw std::logic_error("Unexpected return");
   }
@@ -407,31 +354,25 @@ void kvp_reader::clear() {
 }
 
 reader::push_result kvp_reader::push(char c) {
-  if (_key.type() == jtype::not_valid) {
-    if (is_whitespace(c)) {
-      return WHITESPACE;
-    }
-    if (c != '"') {
-      return REJECTED;
-    }
-    _key.push(c);
-    assert(this->_key.type() == json::jtype::jstring);
-    assert(this->_key.length() == 1);
-    return ACCEPTED;
-  }
-  if (!_key.is_valid()) {
-    return _key.push(c);
-  }
   if (!_colon_read) {
-    assert(this->_key.is_valid());
-    if (is_whitespace(c)) {
-      return WHITESPACE;
+    if (_key.used == 0) {
+      if (c != '"') {
+        return is_whitespace(c) ? WHITESPACE : REJECTED;
+      }
+      _key.push(c);
+      assert(this->_key.type() == json::jtype::jstring);
+      assert(this->_key.length() == 1);
+      return ACCEPTED;
     }
+    if (!_key.is_valid()) {
+      return _key.push(c);
+    }
+    assert(this->_key.is_valid());
     _colon_read = c == ':';
-    return _colon_read ? ACCEPTED : REJECTED;
+    return _colon_read ? ACCEPTED : (is_whitespace(c) ? WHITESPACE : REJECTED);
   }
   assert(this->_colon_read);
-  if (reader::type() == jtype::not_valid && is_whitespace(c)) {
+  if (used == 0 && is_whitespace(c)) {
     assert(reader::get_state<char>() == 0);
     return WHITESPACE;
   }

@@ -47,7 +47,7 @@ class reader : private std::string {
  protected:
   template <typename T>
   T get_state() const {
-    return static_cast<T>(open_containers.empty() ? state : CONTAINER_READING);
+    return static_cast<T>(ends.empty() ? state : CONTAINER_READING);
   }
 
   template <typename T>
@@ -59,44 +59,40 @@ class reader : private std::string {
  private:
   friend class kvp_reader;
 
-  /// Where the innermost value stands when it is an entry of an object.
-  enum entry_part : char { ENTRY_KEY, ENTRY_VALUE };
-
   static constexpr char CONTAINER_READING = 2;
 
   std::size_t length() const { return used - value_begin; }  // the innermost value's share of the buffer
   char back() const { return (*this)[used - 1]; }
+  inline bool value_is_valid() const;
 
-  bool value_is_valid() const;
-  push_result begin_with(char c);
-  push_result accept(char c);
-  void append_character(char c);
-  void begin_value();
-  void open_child(char container, entry_part part);
-  push_result close_child(char c);
-
-  const character_set* current_run() const;
-  [[gnu::noinline]] push_result push_step(char c);  // so that push itself stays short
-  push_result push_anywhere(char c);
-  push_result push_key(char c);
-  push_result push_value(char c);
+  // Inline where they are called: in position-independent code even the smallest of them would be a call otherwise.
+  inline void append_character(char c);
+  inline push_result accept(char c, char next_state, const character_set& next_run = NOTHING);
+  inline push_result begin_with(jtype type, char c);
+  inline void begin_value();
+  inline void open_child(char end);
+  push_result push_behind(char c);
+  inline push_result push_colon(char c);
   push_result push_string(char c);
   push_result push_number(char c);
+  inline push_result accept_first_digit(char c);
   push_result push_boolean(char c);
   push_result push_null(char c);
-  push_result push_array(char c);
-  push_result push_object(char c);
+  inline push_result push_array(char c);
+  inline push_result push_object(char c);
   push_result push_container(char c, char opening, char closing);
+  [[gnu::noinline]] push_result grow_and_push(char c);
+  [[gnu::noinline]] push_result push_step(char c);  // so that push itself stays short
 
   // The buffer is longer than what is used of it: a string that ends behind each character takes three times the time.
   std::size_t used = 0;
-  std::vector<char> open_containers;    // opening bracket of each container around the innermost value, outermost first
-  std::size_t value_begin = 0;          // where the innermost value begins in the buffer
+  std::vector<char> ends;               // closing bracket of each container around the innermost value, outermost
+                                        // first; the last is a colon as long as the innermost value is a key
+  std::size_t value_begin = 0;          // where the innermost value begins in the buffer, unless it is a container
   std::size_t completed = 0;            // length of the outermost container's text without its open child
   const character_set* run = &NOTHING;  // characters that are accepted without a further look
   jtype value_type = jtype::not_valid;  // of the innermost value; not_valid while it has no character
   char state = 0;                       // state of the innermost value
-  entry_part part = ENTRY_VALUE;        // meaningful while the innermost value belongs to an object
 };
 
 /// Recognises one "key":value pair of an object the same way; type() is the value's.
