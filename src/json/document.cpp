@@ -18,6 +18,8 @@ constexpr std::size_t USUAL_SIZE = 8;
 
 /// So many entries tell how much room the rest needs: growing step by step costs more than reading does.
 constexpr std::size_t SAMPLE_SIZE = 1024;
+/// In case the rest is nothing like them.
+constexpr std::size_t LARGEST_GUESS = 65536;
 
 parsing_error not_an_object() {
   return parsing_error("Input is not a valid object");
@@ -43,7 +45,7 @@ jobject jobject::parse(const char* input) {
     while (*position != '\0' && *position != closing) {
       if (result.data.size() == SAMPLE_SIZE) {
         const std::size_t usual_length = static_cast<std::size_t>(position - begin) / SAMPLE_SIZE;
-        result.data.reserve(SAMPLE_SIZE + std::strlen(position) / usual_length);
+        result.data.reserve(SAMPLE_SIZE + std::min(std::strlen(position) / usual_length, LARGEST_GUESS));
       }
       position = result.parse_entry(position, value_scanner);
     }

@@ -37,8 +37,7 @@ struct LogState {
   std::int64_t openedAt = 0;
   std::int64_t rotateAt = 0;
   int lineCount = 0;
-  std::time_t brokenDownAt = -1;
-  std::tm brokenDown{};
+  std::time_t zoneReadAt = 0;
 };
 
 /// Never destroyed: threads may log until the process is gone.
@@ -59,26 +58,27 @@ class ErrnoKeeper {
 };
 
 /// The local time now. The device's time zone may be set while the service runs: it is read again each second.
-const std::tm& localTime(LogState& log) {
+std::tm localTime(LogState& log) {
   const std::time_t now = std::time(nullptr);
-  if (now != log.brokenDownAt) {
+  if (now != log.zoneReadAt) {
     tzset();
-    localtime_r(&now, &log.brokenDown);
-    log.brokenDownAt = now;
+    log.zoneReadAt = now;
   }
-  return log.brokenDown;
+  std::tm broken{};
+  localtime_r(&now, &broken);
+  return broken;
 }
 
 /// The form of asctime without its line end.
 std::string dateText(LogState& log) {
-  const std::tm& now = localTime(log);
+  const std::tm now = localTime(log);
   char text[64] = "";
   static_cast<void>(std::strftime(text, sizeof text, "%a %b %e %H:%M:%S %Y", &now));
   return text;
 }
 
 std::string timeStampedName(LogState& log) {
-  const std::tm& now = localTime(log);
+  const std::tm now = localTime(log);
   char stamp[64] = "";
   static_cast<void>(std::strftime(stamp, sizeof stamp, "-%Y-%m-%d-%H-%M-%S.log", &now));
   return log.prefix + stamp;
@@ -183,7 +183,7 @@ LineHead makeHead(LogState& log, const char* file, int line) {
   if (log.timestamps) {
     std::timespec precise{};
     clock_gettime(CLOCK_REALTIME, &precise);
-    const std::tm& now = localTime(log);
+    const std::tm now = localTime(log);
     LineText time(head.time, sizeof head.time - 1);
     time.addNumber(now.tm_hour, 2);
     time.add(":");

@@ -135,6 +135,19 @@ TEST_F(LogMessage, TimePrefixPadsWithZeros) {
               testing::MatchesRegex("03:04:05\\.[0-9][0-9][0-9] \\[a:1\\] text\n"));
 }
 
+TEST_F(LogMessage, TimeZoneCountsAtOnceWhenTheProcessReadsItAnew) {
+  const test::StoppedTime time(1700000000);
+  const auto hourIn = [](const char* zone) {
+    ::setenv("TZ", zone, 1);
+    tzset();
+    return logged([] { log_message("a", 1, LOG_LEVEL_ERROR, "text"); }, LOG_LEVEL_INFO, 1).substr(0, 2);
+  };
+  const std::string hours = hourIn("UTC0") + hourIn("XXX-5") + hourIn("UTC0");
+  ::unsetenv("TZ");
+  tzset();
+  EXPECT_EQ(hours, "220322");
+}
+
 TEST_F(LogMessage, TimePrefixEndsInTheMillisecondsOfTheRealClock) {
   const auto milliseconds = [] {
     std::timespec now{};
