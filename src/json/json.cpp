@@ -89,7 +89,7 @@ bool reader::value_is_valid() const {
 }
 
 bool reader::is_valid() const {
-  return ends.empty() && value_is_valid();
+  return ends.empty() && used != 0 && value_is_valid();
 }
 
 void reader::append_character(char c) {
@@ -97,27 +97,12 @@ void reader::append_character(char c) {
   ++used;
 }
 
+/// The state changes, and with it what is accepted without a further look.
 reader::push_result reader::accept(char c, char next_state, const character_set& next_run) {
   state = next_state;
   run = &next_run;
   append_character(c);
   return ACCEPTED;
-}
-
-/// A value's first character, which gives it this type.
-reader::push_result reader::begin_with(jtype type, char c) {
-  value_type = type;
-  switch (type) {
-    case jtype::jstring:
-      return accept(c, STRING_OPENED);
-    case jtype::jnumber:
-      return c == '-' ? accept(c, NUMBER_MINUS) : accept_first_digit(c);
-    case jtype::jobject:
-    case jtype::jarray:
-      return accept(c, CONTAINER_OPENED);
-    default:
-      return accept(c, state);
-  }
 }
 
 reader::push_result reader::accept_first_digit(char c) {
@@ -126,7 +111,6 @@ reader::push_result reader::accept_first_digit(char c) {
 
 void reader::begin_value() {
   value_begin = used;
-  value_type = jtype::not_valid;
   set_state(0);
 }
 
@@ -156,8 +140,13 @@ reader::push_result reader::grow_and_push(char c) {
 
 /// A character that changes the state, white space, or one that is not accepted.
 reader::push_result reader::push_step(char c) {
-  push_result result = REJECTED;
-  switch (value_type == jtype::not_valid ? type_of(c) : value_type) {
+  if (length() == 0) {
+    if (is_whitespace(c)) {
+      return ends.empty() ? ACCEPTED : WHITESPACE;
+    }
+    value_type = type_of(c);
+  }
+  switch (value_type) {
     case jtype::jstring:
       return push_string(c);
     case jtype::jnumber:
@@ -167,17 +156,10 @@ reader::push_result reader::push_step(char c) {
     case jtype::jarray:
       return push_array(c);
     case jtype::jbool:
-      result = push_boolean(c);
-      assert(result != WHITESPACE);
-      return result == REJECTED && value_is_valid() ? push_behind(c) : result;
+      return push_word(jtype::jbool, c);
     case jtype::jnull:
-      result = push_null(c);
-      assert(result != WHITESPACE);
-      return result == REJECTED && value_is_valid() ? push_behind(c) : result;
+      return push_word(jtype::jnull, c);
     case jtype::not_valid:
-      if (is_whitespace(c) && length() == 0) {
-        return ends.empty() ? ACCEPTED : WHITESPACE;
-      }
       return REJECTED;
   }
   throw std::logic_error("Unexpected return");
@@ -190,7 +172,7 @@ reader::push_result reader::push_behind(char c) {
     return REJECTED;
   }
   const char end = ends.back();
-  if (c == ',' ? end == ':' : c != end) {
+  if (c != end && (c != ',' || end == ':')) {
     return is_whitespace(c) ? WHITESPACE : REJECTED;
   }
   if (end == ':') {
@@ -213,7 +195,7 @@ reader::push_result reader::push_string(char c) {
   switch (state) {
     case STRING_EMPTY:
       assert(this->length() == 0);
-      return c == '"' ? begin_with(jtype::jstring, c) : REJECTED;
+      return c == '"' ? accept(c, STRING_OPENED) : REJECTED;
     case STRING_OPENED:
       assert(this->length() == 1);
       [[fallthrough]];
@@ -252,7 +234,10 @@ reader::push_result reader::push_number(char c) {
   switch (state) {
     case NUMBER_EMPTY:
       assert(this->length() == 0);
-      return digit || c == '-' ? begin_with(jtype::jnumber, c) : REJECTED;
+      if (c == '-') {
+        return accept(c, NUMBER_MINUS);
+      }
+      return digit ? accept_first_digit(c) : REJECTED;
     case NUMBER_MINUS:
       return digit ? accept_first_digit(c) : REJECTED;
     case NUMBER_INTEGER:
@@ -290,10 +275,17 @@ reader::push_result reader::push_number(char c) {
   }
 }
 
+/// A character for or behind true, false or null.
+reader::push_result reader::push_word(jtype type, char c) {
+  const push_result result = type == jtype::jbool ? push_boolean(c) : push_null(c);
+  assert(result != WHITESPACE);
+  return result == REJECTED && value_is_valid() ? push_behind(c) : result;
+}
+
 reader::push_result reader::push_boolean(char c) {
   const std::size_t position = length();
   if (position == 0) {
-    return c == 't' || c == 'f' ? begin_with(jtype::jbool, c) : REJECTED;
+    return c == 't' || c == 'f' ? accept(c, state) : REJECTED;
   }
   const char first = (*this)[value_begin];
   if (first != 't' && first != 'f') {
@@ -312,7 +304,7 @@ reader::push_result reader::push_null(char c) {
   if (c == '\0' || str_null[position] != c) {
     return REJECTED;
   }
-  return position == 0 ? begin_with(jtype::jnull, c) : accept(c, state);
+  return accept(c, state);
 }
 
 reader::push_result reader::push_array(char c) {
@@ -325,21 +317,22 @@ reader::push_result reader::push_object(char c) {
 
 /// A character for or behind a container without an open child.
 reader::push_result reader::push_container(char c, char opening, char closing) {
-  jtype child = jtype::not_valid;
   switch (state) {
     case CONTAINER_EMPTY:
-      return c == opening ? begin_with(type_of(c), c) : REJECTED;
+      return c == opening ? accept(c, CONTAINER_OPENED) : REJECTED;
     case CONTAINER_OPENED:
     case CONTAINER_COMMA:
-      child = type_of(c);
-      if (opening == '[' ? child != jtype::not_valid : child == jtype::jstring) {
-        open_child(opening == '[' ? ']' : ':');
-        return begin_with(child, c);
+      if (is_whitespace(c)) {
+        return WHITESPACE;
       }
       if (c == closing && state == CONTAINER_OPENED) {
         return accept(c, CONTAINER_CLOSED);
       }
-      return is_whitespace(c) ? WHITESPACE : REJECTED;
+      if (opening == '[' ? type_of(c) == jtype::not_valid : c != '"') {
+        return REJECTED;
+      }
+      open_child(opening == '[' ? ']' : ':');
+      return push_step(c);
     case CONTAINER_CLOSED:
       return push_behind(c);
     default:

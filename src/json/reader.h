@@ -63,35 +63,37 @@ class reader : private std::string {
 
   std::size_t length() const { return used - value_begin; }  // the innermost value's share of the buffer
   char back() const { return (*this)[used - 1]; }
-  inline bool value_is_valid() const;
 
-  // Inline where they are called: in position-independent code even the smallest of them would be a call otherwise.
+  // Declared inline what is small: in position-independent code all else is called, and push_step and what it calls
+  // need no stack frame as long as each ends with its only call.
+  inline bool value_is_valid() const;
   inline void append_character(char c);
   inline push_result accept(char c, char next_state, const character_set& next_run = NOTHING);
-  inline push_result begin_with(jtype type, char c);
+  inline push_result accept_first_digit(char c);
   inline void begin_value();
   inline void open_child(char end);
+
+  [[gnu::noinline]] push_result grow_and_push(char c);  // so that push itself stays short
+  [[gnu::noinline]] push_result push_step(char c);
   push_result push_behind(char c);
   inline push_result push_colon(char c);
   push_result push_string(char c);
   push_result push_number(char c);
-  inline push_result accept_first_digit(char c);
-  push_result push_boolean(char c);
-  push_result push_null(char c);
+  push_result push_word(jtype type, char c);
+  inline push_result push_boolean(char c);
+  inline push_result push_null(char c);
   inline push_result push_array(char c);
   inline push_result push_object(char c);
   push_result push_container(char c, char opening, char closing);
-  [[gnu::noinline]] push_result grow_and_push(char c);
-  [[gnu::noinline]] push_result push_step(char c);  // so that push itself stays short
 
   // The buffer is longer than what is used of it: a string that ends behind each character takes three times the time.
   std::size_t used = 0;
-  std::vector<char> ends;               // closing bracket of each container around the innermost value, outermost
-                                        // first; the last is a colon as long as the innermost value is a key
+  std::vector<char> ends;  // what ends the child of each open container, outermost first: the closing bracket, or the
+                           // colon if the child is a key
   std::size_t value_begin = 0;          // where the innermost value begins in the buffer, unless it is a container
   std::size_t completed = 0;            // length of the outermost container's text without its open child
   const character_set* run = &NOTHING;  // characters that are accepted without a further look
-  jtype value_type = jtype::not_valid;  // of the innermost value; not_valid while it has no character
+  jtype value_type = jtype::not_valid;  // of the innermost value, if that has a character
   char state = 0;                       // state of the innermost value
 };
 
