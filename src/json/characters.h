@@ -8,6 +8,21 @@ namespace json {
 // What a character is to JSON, as the "C" locale has it and whatever the signedness of char, and how far runs of such
 // characters reach in a NUL-terminated text.
 
+inline bool is_whitespace(char c) {
+  return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+/// The first character that is not white space, or the terminating NUL.
+inline const char* skip_whitespace(const char* text) {
+  while (is_whitespace(*text)) {
+    ++text;
+  }
+  return text;
+}
+
+/// For this library alone.
+namespace characters {
+
 /// A set of characters that is looked up in one step.
 class character_set {
  public:
@@ -51,10 +66,6 @@ inline constexpr character_set NOTHING("");
 inline constexpr character_set STRING_MARKS("\"\\");
 inline constexpr character_set STRING_ENDS = STRING_MARKS.with_nul();
 
-inline bool is_whitespace(char c) {
-  return c == ' ' || (c >= '\t' && c <= '\r');
-}
-
 inline bool is_digit(char c) {
   return c >= '0' && c <= '9';
 }
@@ -73,14 +84,6 @@ inline bool is_escape_letter(char c) {
   return LETTERS.has(c);
 }
 
-/// The first character that is not white space, or the terminating NUL.
-inline const char* skip_whitespace(const char* text) {
-  while (is_whitespace(*text)) {
-    ++text;
-  }
-  return text;
-}
-
 inline const char* skip_digits(const char* text) {
   while (is_digit(*text)) {
     ++text;
@@ -88,4 +91,5 @@ inline const char* skip_digits(const char* text) {
   return text;
 }
 
+}  // namespace characters
 }  // namespace json

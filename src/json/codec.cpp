@@ -7,6 +7,9 @@
 #include "json/scanner.h"
 
 namespace json {
+
+using namespace characters;
+
 namespace {
 
 /// Decodes the escape that starts at this character (the one behind the backslash), appends what it stands for and

@@ -6,6 +6,9 @@
 #include <utility>
 
 namespace json {
+
+using namespace characters;
+
 namespace {
 
 enum string_state : char {

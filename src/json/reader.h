@@ -53,7 +53,7 @@ class reader : private std::string {
   template <typename T>
   void set_state(T value) {
     state = static_cast<char>(value);
-    run = &NOTHING;
+    run = &characters::NOTHING;
   }
 
  private:
@@ -68,7 +68,7 @@ class reader : private std::string {
   // need no stack frame as long as each ends with its only call.
   inline bool value_is_valid() const;
   inline void append_character(char c);
-  inline push_result accept(char c, char next_state, const character_set& next_run = NOTHING);
+  inline push_result accept(char c, char next_state, const characters::character_set& next_run = characters::NOTHING);
   inline push_result accept_first_digit(char c);
   inline void begin_value();
   inline void open_child(char end);
@@ -90,11 +90,11 @@ class reader : private std::string {
   std::size_t used = 0;
   std::vector<char> ends;  // what ends the child of each open container, outermost first: the closing bracket, or the
                            // colon if the child is a key
-  std::size_t value_begin = 0;          // where the innermost value begins in the buffer, unless it is a container
-  std::size_t completed = 0;            // length of the outermost container's text without its open child
-  const character_set* run = &NOTHING;  // characters that are accepted without a further look
-  jtype value_type = jtype::not_valid;  // of the innermost value, if that has a character
-  char state = 0;                       // state of the innermost value
+  std::size_t value_begin = 0;  // where the innermost value begins in the buffer, unless it is a container
+  std::size_t completed = 0;    // length of the outermost container's text without its open child
+  const characters::character_set* run = &characters::NOTHING;  // characters that are accepted without a further look
+  jtype value_type = jtype::not_valid;                          // of the innermost value, if that has a character
+  char state = 0;                                               // state of the innermost value
 };
 
 /// Recognises one "key":value pair of an object the same way; type() is the value's.

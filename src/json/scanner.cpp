@@ -4,6 +4,9 @@
 #include "json/errors.h"
 
 namespace json {
+
+using namespace characters;
+
 namespace {
 
 constexpr std::size_t USUAL_LENGTH = 500;
