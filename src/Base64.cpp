@@ -34,11 +34,11 @@ std::string base64Decode(const std::string& text) {
   std::uint32_t bits = 0;
   unsigned bitCount = 0;
   for (const char digit : text) {
-    const int value = DIGIT_VALUES[static_cast<unsigned char>(digit)];
+    const std::int8_t value = DIGIT_VALUES[static_cast<unsigned char>(digit)];
     if (value == NOT_IN_ALPHABET) {
       break;
     }
-    bits = (bits << BITS_PER_DIGIT) | static_cast<std::uint32_t>(value);
+    bits = (bits << BITS_PER_DIGIT) | static_cast<unsigned char>(value);
     bitCount += BITS_PER_DIGIT;
     if (bitCount >= BITS_PER_BYTE) {
       bitCount -= BITS_PER_BYTE;
