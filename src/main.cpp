@@ -1,4 +1,3 @@
-#include <malloc.h>
 #include <openssl/crypto.h>
 
 #include <cstdio>
@@ -9,6 +8,7 @@
 #include "LoggingSettings.h"
 #include "logging/logging.h"
 #include "util/Descriptor.h"
+#include "util/Heap.h"
 #include "util/NoDestructor.h"
 #include "util/StopSignals.h"
 #include "util/ThreadStacks.h"
@@ -29,7 +29,7 @@ int main(int argc, char** argv) {
   occupyStandardDescriptors();
   takeStopSignals();
   limitThreadStacks();
-  mallopt(M_ARENA_MAX, 1);  // the threads share one heap: a second one costs a megabyte
+  limitHeap();
   // API threads may be inside OpenSSL when the process ends: nothing may be taken from under them.
   OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
   readLoggingSettings(configPath);

@@ -97,6 +97,9 @@ class rs256 {
 
 }  // namespace algorithm
 
+/// What texts of claims may have between them. libjwt puts the token on the stack, where a byte can take eight.
+constexpr std::size_t MOST_CLAIM_BYTES = 16384;
+
 /// A token being built. Each call sets a header member or a claim (RFC 7519) and returns the builder.
 class builder {
  public:
@@ -113,15 +116,18 @@ class builder {
   builder& set_issued_at(const date& time) { return set_date("iat", time); }
 
   /// The signed token in compact form. Throws std::runtime_error when libjwt cannot take a claim (which has to be
-  /// UTF-8) or sign.
+  /// UTF-8) or sign, and for claims of more than MOST_CLAIM_BYTES.
   std::string sign(const algorithm::rs256& algorithm) const {
     jwt_t* created = nullptr;
     require(jwt_new(&created), "failed to create token");
     const std::unique_ptr<jwt_t, decltype(&jwt_free)> token(created, jwt_free);
     require(jwt_add_header(token.get(), "typ", token_type.c_str()), "failed to set token type");
+    std::size_t length = 0;
     for (const auto& claim : texts) {
+      length += claim.second.size();
       require(jwt_add_grant(token.get(), claim.first, claim.second.c_str()), "failed to set a claim");
     }
+    require(length > MOST_CLAIM_BYTES ? 1 : 0, "claims are too long");
     for (const auto& claim : dates) {
       // Not jwt_add_grant_int, which takes a long: 32 bits are too few for times after 2038.
       const std::string json = "{\"" + std::string(claim.first) + "\":" + std::to_string(claim.second) + "}";

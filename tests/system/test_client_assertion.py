@@ -71,3 +71,14 @@ def test_audience_follows_the_endpoint_that_was_found(world, cloud):
     assertion = request.body.decode().rpartition("&client_assertion=")[2]
     assert decode(assertion)[1]["aud"] == cloud.url + TOKEN_PATH + "?tenant=5"
     assert len(cloud.requests(WELL_KNOWN_PATH)) == 1
+
+
+@pytest.mark.parametrize("character", ["a", "/", "\x01"])
+@pytest.mark.parametrize("length", [16000, 130000, 2000000])
+def test_endpoint_of_any_length_is_survived(world, cloud, length, character):
+    cloud.token_endpoint = cloud.url + TOKEN_PATH + "?" + length * character
+    cloud.script(WELL_KNOWN_PATH, Reply(200, '{"token_endpoint":"' + cloud.token_endpoint + '"}'))
+    service = world.start_ready(cloud)
+    for _ in range(2):
+        assert service.api.request("token", scope="device")["status"] in ("ok", "error")
+    assert service.api.request("certificate_id") == {"status": "ok", "certificate_id": "device-0001"}
