@@ -168,7 +168,7 @@ def test_installation_without_packages(cross_built, copy, tmp_path):
 def test_options_have_the_defaults_of_the_table(cross_built, copy):
     cache = (copy / "build/device/CMakeCache.txt").read_text()
     options = {row[0]: row[1] for row in rows("Cross-build") if len(row) == 3 and re.match("CMAKE_|SSO_", row[0])}
-    assert len(options) == 5
+    assert len(options) == 6
     options["CMAKE_INSTALL_PREFIX"] = "/usr"  # the commands set it
     for name, default in options.items():
         assert re.search(rf"^{name}:\w+={default}$", cache, re.M), name
