@@ -19,7 +19,7 @@ constexpr std::size_t USUAL_SIZE = 8;
 /// So many entries tell how much room the rest needs: growing step by step costs more than reading does.
 constexpr std::size_t SAMPLE_SIZE = 1024;
 /// In case the rest is nothing like them.
-constexpr std::size_t LARGEST_GUESS = 512 * 1024;
+constexpr std::size_t LARGEST_GUESS = std::size_t{512} * 1024;
 
 parsing_error not_an_object() {
   return parsing_error("Input is not a valid object");
