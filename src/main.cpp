@@ -28,8 +28,8 @@ int main(int argc, char** argv) {
   const std::string configPath = argv[1];
   occupyStandardDescriptors();
   takeStopSignals();
-  limitThreadStacks();
   limitHeap();
+  limitThreadStacks();
   // API threads may be inside OpenSSL when the process ends: nothing may be taken from under them.
   OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
   readLoggingSettings(configPath);

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <functional>
 #include <string>
@@ -137,14 +138,18 @@ TEST_F(LogMessage, TimePrefixPadsWithZeros) {
 
 TEST_F(LogMessage, TimeZoneCountsAtOnceWhenTheProcessReadsItAnew) {
   const test::StoppedTime time(1700000000);
-  const auto hourIn = [](const char* zone) {
-    ::setenv("TZ", zone, 1);
+  const auto use = [](const char* zone) {
+    static_cast<void>(zone != nullptr ? ::setenv("TZ", zone, 1) : ::unsetenv("TZ"));
     tzset();
+  };
+  const auto hourIn = [&](const char* zone) {
+    use(zone);
     return logged([] { log_message("a", 1, LOG_LEVEL_ERROR, "text"); }, LOG_LEVEL_INFO, 1).substr(0, 2);
   };
-  const std::string hours = hourIn("UTC0") + hourIn("XXX-5") + hourIn("UTC0");
-  ::unsetenv("TZ");
-  tzset();
+  const char* set = std::getenv("TZ");
+  const std::string before = set != nullptr ? set : "";
+  const std::string hours = hourIn("UTC0") + hourIn("EAST-5") + hourIn("UTC0");
+  use(set != nullptr ? before.c_str() : nullptr);
   EXPECT_EQ(hours, "220322");
 }
 
