@@ -21,7 +21,7 @@ AccessToken::AccessToken(const std::string& responseJson) noexcept {
   try {
     readToken(responseJson);
   } catch (const std::exception& reason) {
-    LOG_ERROR("Error processing toke json: %s Error:%s", responseJson.c_str(), reason.what());
+    LOG_ERROR("Error processing toke json: %s Error:%s", log_secret(responseJson), reason.what());
     clear();
   }
 }
@@ -32,7 +32,7 @@ void AccessToken::readToken(const std::string& responseJson) {
     token = answer["access_token"].as_string();
     LOG_DEBUG("Access token: ");  // Kept: the token itself is never part of this line.
   } else {
-    LOG_ERROR("No access_token found in %s", responseJson.c_str());
+    LOG_ERROR("No access_token found in %s", log_secret(responseJson));
   }
   if (hasNumber(answer, "expires_in")) {
     const long lifetime = std::stoi(answer["expires_in"].as_string());

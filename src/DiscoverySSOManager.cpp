@@ -2,11 +2,12 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <utility>
 
 #include "KCException.h"
 #include "SsoException.h"
 #include "logging/logging.h"
-#include "util/StopSignals.h"
+#include "util/Signals.h"
 
 namespace velo::ssoService {
 namespace {
@@ -33,7 +34,7 @@ DiscoverySSOManager::~DiscoverySSOManager() {
   release();
 }
 
-void DiscoverySSOManager::shutDown() {
+void DiscoverySSOManager::shutDown() UNCHECKED_LOCKING {
   if (lock.try_lock()) {  // and never given back: late requests wait for the end of the process
     release();
   }
@@ -48,7 +49,7 @@ void DiscoverySSOManager::release() {
 
 template <typename Operation>
 std::string DiscoverySSOManager::serveRequest(const char* refusal, Operation operation) {
-  const std::lock_guard<std::mutex> guard(lock);
+  const MutexGuard guard(lock);
   if (state != READY) {
     throw SsoException(refusal + lastError);
   }
@@ -60,21 +61,21 @@ std::string DiscoverySSOManager::serveRequest(const char* refusal, Operation ope
 }
 
 std::string DiscoverySSOManager::getToken(const std::string& scope) {
-  return serveRequest(NOT_READY, [&] { return ssoClient->getAccessToken(scope); });
+  return serveRequest(NOT_READY, [&]() REQUIRES(lock) { return ssoClient->getAccessToken(scope); });
 }
 
 std::string DiscoverySSOManager::getDiscoveryData() {
-  return serveRequest(NOT_READY, [&] { return discovery->getDiscoveryData(); });
+  return serveRequest(NOT_READY, [&]() REQUIRES(lock) { return discovery->getDiscoveryData(); });
 }
 
 std::string DiscoverySSOManager::getCertificateId() {
   // Kept: nothing stands between this text and the reason.
   return serveRequest("Cloud discovery failed. System is not initialized",
-                      [&] { return provider->getCertificateId(false); });
+                      [&]() REQUIRES(lock) { return provider->getCertificateId(false); });
 }
 
 bool DiscoverySSOManager::reset() {
-  const std::lock_guard<std::mutex> guard(lock);
+  const MutexGuard guard(lock);
   if (state != READY) {
     return false;
   }
@@ -86,14 +87,15 @@ bool DiscoverySSOManager::reset() {
 }
 
 void DiscoverySSOManager::run() {
-  if (!provider) {
+  if (currentProvider() == nullptr) {
     terminateProcess("Key Certificate Provider does not exist. Terminating");
   }
   for (;;) {
-    deliverStopSignals();
+    deliverSignals();
     if (stopRequested != 0) {
       return;
     }
+    reloadIfRequested();
     switch (state) {
       case CONFIG_FAILED:
         terminateProcess("Couldn't create SSO Manager. Config failure. Terminating");
@@ -103,62 +105,78 @@ void DiscoverySSOManager::run() {
         break;
       case INITIALIZING:
       case READY:
-        waitForStopSignal(IDLE_PAUSE);
+        waitForSignal(IDLE_PAUSE);
         break;
       case INIT_FAILED:
-        LOG_ERROR("Couldn't initialize the SSO manager: %s. Will try again in 30 seconds", lastError.c_str());
-        waitForStopSignal(RETRY_PAUSE);
+        LOG_ERROR("Couldn't initialize the SSO manager: %s. Will try again in 30 seconds", lastFailure().c_str());
+        waitForSignal(RETRY_PAUSE);
+        reloadIfRequested();
         initialize();  // Kept: once more, even if a stop signal ended the wait.
         break;
     }
   }
 }
 
+std::string DiscoverySSOManager::lastFailure() {
+  const MutexGuard guard(lock);
+  return lastError;
+}
+
+/// Only the main thread changes the provider, so it may look at it without the lock.
+KeyCertificateProvider* DiscoverySSOManager::currentProvider() const {
+  return provider.get();
+}
+
 void DiscoverySSOManager::initialize() {
-  if (!provider) {
+  if (currentProvider() == nullptr) {
     return;
   }
   {
-    const std::lock_guard<std::mutex> guard(lock);
+    const MutexGuard guard(lock);
     if (state == READY) {
       return;
     }
-    state = INITIALIZING;  // requests are refused from here on, so the clients can be rebuilt without the lock
+    state = INITIALIZING;  // requests are refused from here on
   }
+  std::string reason;
   try {
     configure();
-    enter(ssoClient && discovery && discovery->hasConfiguration() ? READY : INIT_FAILED, "");
-  } catch (const std::exception& reason) {
-    enter(INIT_FAILED, reason.what());
+  } catch (const std::exception& failure) {
+    reason = failure.what();
   }
-}
-
-void DiscoverySSOManager::enter(ManagerState next, const std::string& reason) {
-  const std::lock_guard<std::mutex> guard(lock);
-  state = next;
+  const MutexGuard guard(lock);
+  state = ssoClient && discovery && discovery->hasConfiguration() ? READY : INIT_FAILED;
   lastError = reason;
 }
 
+/// Builds both clients, or throws and leaves none.
 void DiscoverySSOManager::configure() {
   LOG_INFO("Configuring SSO Manager");
-  if (!provider) {
+  KeyCertificateProvider* const source = currentProvider();
+  if (source == nullptr) {
     LOG_ERROR("Missing key certificate provider");
     throw KCException("Cannot configure discovery data. Missing key certificate provider.");
   }
-  discovery.reset();
-  ssoClient.reset();
-  if (provider->isCloudUrlSupported()) {
-    useProviderCloudUrl();
+  {
+    const MutexGuard guard(lock);
+    discovery.reset();
+    ssoClient.reset();
   }
-  discovery = std::make_unique<Discovery>(cloudUrl, cacheEnabled, cacheFolder, provider.get());
-  discovery->retrieveConfiguration();
+  if (source->isCloudUrlSupported()) {
+    useProviderCloudUrl(*source);
+  }
+  auto newDiscovery = std::make_unique<Discovery>(cloudUrl, cacheEnabled, cacheFolder, source);
+  newDiscovery->retrieveConfiguration();
   LOG_INFO("Cloud config successfully retrieved. Creating SsoClient");
-  ssoClient = std::make_unique<SsoClient>(discovery->getSsoWellKnownUrl(), provider.get());
+  auto newClient = std::make_unique<SsoClient>(newDiscovery->getSsoWellKnownUrl(), source);
+  const MutexGuard guard(lock);
+  discovery = std::move(newDiscovery);
+  ssoClient = std::move(newClient);
 }
 
-bool DiscoverySSOManager::useProviderCloudUrl() {
+bool DiscoverySSOManager::useProviderCloudUrl(KeyCertificateProvider& source) {
   try {
-    cloudUrl = provider->getCloudUrl(false);
+    cloudUrl = source.getCloudUrl(false);
     LOG_INFO("Cloud config URL %s retrieved from the certificate provider", cloudUrl.c_str());
     return true;
   } catch (const std::exception& reason) {

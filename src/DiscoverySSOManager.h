@@ -1,10 +1,10 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -14,6 +14,7 @@
 #include "json/json.h"
 #include "kcProviders/KeyCertificateProvider.h"
 #include "util/HttpExchange.h"
+#include "util/Mutex.h"
 
 namespace velo::ssoService {
 
@@ -61,39 +62,55 @@ class DiscoverySSOManager {
   /// One attempt to get ready; a failure is left in the state and the last error.
   void initialize();
 
+  /// Reads the key, the certificate and its id again and, unless that fails, drops the clients, so that the run loop
+  /// starts over with the new ones. A failure is logged and changes nothing.
+  void reload();
+
   /// To be called once before the process ends: releases the provider, the clients and libcurl, unless a request is
   /// still using them; then they are left to the end of the process. Requests that come later wait for that too.
   void shutDown();
 
  private:
   // States and operations: DiscoverySSOManager.cpp
-  void configure();
-  bool useProviderCloudUrl();
-  void enter(ManagerState next, const std::string& reason);
-  void release();
+  void configure() EXCLUDES(lock);
+  bool useProviderCloudUrl(KeyCertificateProvider& source);
+  KeyCertificateProvider* currentProvider() const UNCHECKED_LOCKING;
+  std::string lastFailure() EXCLUDES(lock);
+  void release() REQUIRES(lock);
   template <typename Operation>
-  std::string serveRequest(const char* refusal, Operation operation);
+  std::string serveRequest(const char* refusal, Operation operation) EXCLUDES(lock);
+
+  // A new key and certificate: ManagerReload.cpp
+  void reloadIfRequested() EXCLUDES(lock);
+  std::unique_ptr<KeyCertificateProvider> loadAgain() const;
+  bool lockUnlessStopped() SSO_THREAD_SAFETY(try_acquire_capability(true, lock));
 
   // Configuration file: ManagerConfiguration.cpp
   bool readConfiguration(const std::string& configPath);
   bool applyConfiguration(const json::jobject& document, const std::string& configPath);
   bool configureCloud(const json::jobject& section);
-  bool configureCertificateProvider(const json::jobject& section);
+  bool configureCertificateProvider(const json::jobject& section) EXCLUDES(lock);
+  std::unique_ptr<KeyCertificateProvider> makeProvider(const json::jobject& section,
+                                                       std::chrono::seconds replyLimit) const;
   bool configureApiProviders(const json::jobject& entries);
   bool startApiProvider(const json::jobject& entry, std::size_t index);
 
-  std::atomic<ManagerState> state{CONFIG_FAILED};  // requests may come before the constructor is done
+  // The main thread's alone once the API threads run.
   std::string cloudEnv;
   std::string cloudUrl;
   bool cacheEnabled = false;
   std::string cacheFolder;
-  std::unique_ptr<KeyCertificateProvider> provider;
-  std::unique_ptr<SsoClient> ssoClient;
-  std::unique_ptr<Discovery> discovery;
-  std::mutex lock;        // held for the whole of a request, and for every change of the state or the last error
-  std::string lastError;  // why the last initialisation failed
+  json::jobject providerSection;  // what the provider was made of
   std::unique_ptr<std::thread[]> apiThreads;
   std::optional<HttpLibrary> httpLibrary;
+
+  // Held for the whole of a request, and for every change of what it guards.
+  Mutex lock;
+  std::unique_ptr<KeyCertificateProvider> provider GUARDED_BY(lock);
+  std::unique_ptr<SsoClient> ssoClient GUARDED_BY(lock);
+  std::unique_ptr<Discovery> discovery GUARDED_BY(lock);
+  std::string lastError GUARDED_BY(lock);          // why the last initialisation failed
+  std::atomic<ManagerState> state{CONFIG_FAILED};  // requests may come before the constructor is done
 };
 
 }  // namespace velo::ssoService

@@ -28,6 +28,15 @@ void startConfiguredLog(const json::jobject& sso, const std::string& configPath)
   LOG_WARNING("No sso.log_file specified in configuration file %s. Using stdout instead", configPath.c_str());
 }
 
+/// Before the log is started: nothing that is to be kept out of it may come first. A value that is neither true nor
+/// false asks for something, so the secrets stay out, too; false is returned for it.
+bool readRedaction(const json::jobject& sso) {
+  constexpr const char* KEY = "log_redact_secrets";
+  const bool isUsable = !sso.has_key(KEY) || sso[KEY].is_bool();
+  log_redact_secrets(!isUsable || (sso.has_key(KEY) && sso[KEY].as_string() == "true"));
+  return isUsable;
+}
+
 }  // namespace
 
 bool readLoggingSettings(const std::string& configPath) {
@@ -45,13 +54,20 @@ bool readLoggingSettings(const std::string& configPath) {
       return false;
     }
     const json::jobject sso = document["sso"].as_object();
-    if (!hasString(sso, "log_level")) {
+    const bool redactionIsUsable = readRedaction(sso);
+    const bool levelIsThere = hasString(sso, "log_level");
+    if (levelIsThere) {
+      startConfiguredLog(sso, configPath);
+    } else {
       startDefaultLog();
       LOG_ERROR("Configuration file %s is missing sso.log_level", configPath.c_str());
-      return false;
     }
-    startConfiguredLog(sso, configPath);
-    return true;
+    if (!redactionIsUsable) {
+      LOG_ERROR(
+          "Configuration file %s: sso.log_redact_secrets is neither true nor false. Secrets are kept out of the log",
+          configPath.c_str());
+    }
+    return levelIsThere;
   } catch (const std::exception& reason) {
     startDefaultLog();
     LOG_ERROR("Error processing configuration file %s, error %s ", configPath.c_str(), reason.what());

@@ -1,5 +1,7 @@
 // The configuration file: what the manager takes from it and how it says what is wrong with it.
 
+#include <chrono>
+#include <cstdlib>
 #include <exception>
 #include <utility>
 
@@ -56,12 +58,29 @@ std::unique_ptr<KeyCertificateProvider> makeFileTemplateProvider(const json::job
   return std::make_unique<FileTemplateKCProvider>(key, certificate, key, certificate, environment);
 }
 
-std::unique_ptr<KeyCertificateProvider> makeOrvexProvider(const json::jobject& section) {
+std::unique_ptr<KeyCertificateProvider> makeOrvexProvider(const json::jobject& section,
+                                                          std::chrono::seconds replyLimit) {
   if (!hasNumber(section, "port")) {
     LOG_ERROR("Configuration file: sso.certificate_provider.port required for Orvex");
     return nullptr;
   }
-  return std::make_unique<OrvexKCProvider>(readInt(section, "port"));
+  return std::make_unique<OrvexKCProvider>(readInt(section, "port"), replyLimit);
+}
+
+/// How long a client may take; zero, no limit, without the key. A value that cannot be used counts as missing, as
+/// everywhere in the file, but not in silence.
+std::chrono::milliseconds readClientTimeout(const json::jobject& entry) {
+  constexpr const char* KEY = "client_timeout_seconds";
+  constexpr double LONGEST = 1e6;
+  if (!entry.has_key(KEY)) {
+    return std::chrono::milliseconds::zero();
+  }
+  const double seconds = hasNumber(entry, KEY) ? std::strtod(entry[KEY].as_string().c_str(), nullptr) : 0;
+  if (!(seconds >= 0.001 && seconds <= LONGEST)) {
+    LOG_ERROR("Configuration file: sso.api_providers client_timeout_seconds is no number from 0.001 to 1000000");
+    return std::chrono::milliseconds::zero();
+  }
+  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::duration<double>(seconds));
 }
 
 /// What the thread of an API provider runs.
@@ -154,22 +173,33 @@ bool DiscoverySSOManager::configureCertificateProvider(const json::jobject& sect
   }
   const std::string type = section["type"].as_string();
   LOG_INFO("Certificate provider type: %s", type.c_str());
-  std::unique_ptr<KeyCertificateProvider> built;
-  if (type == "file") {
-    built = makeFileProvider(section);
-  } else if (type == "file-template") {
-    built = makeFileTemplateProvider(section, cloudEnv);
-  } else if (type == "Orvex") {
-    built = makeOrvexProvider(section);
-  } else {
-    LOG_ERROR("Unsupported certificate provider type: %s", type.c_str());
-  }
+  std::unique_ptr<KeyCertificateProvider> built = makeProvider(section, std::chrono::seconds::zero());
   if (!built) {
     return false;
   }
+  providerSection = section;
+  const MutexGuard guard(lock);
   provider = std::move(built);
   LOG_INFO("Certificate provider type: %s successfully created", type.c_str());
   return true;
+}
+
+/// The provider that a section with a type describes, with nothing loaded yet; null, with the reason in the log, when
+/// it describes none.
+std::unique_ptr<KeyCertificateProvider> DiscoverySSOManager::makeProvider(const json::jobject& section,
+                                                                          std::chrono::seconds replyLimit) const {
+  const std::string type = section["type"].as_string();
+  if (type == "file") {
+    return makeFileProvider(section);
+  }
+  if (type == "file-template") {
+    return makeFileTemplateProvider(section, cloudEnv);
+  }
+  if (type == "Orvex") {
+    return makeOrvexProvider(section, replyLimit);
+  }
+  LOG_ERROR("Unsupported certificate provider type: %s", type.c_str());
+  return nullptr;
 }
 
 bool DiscoverySSOManager::configureApiProviders(const json::jobject& entries) {
@@ -205,7 +235,8 @@ bool DiscoverySSOManager::startApiProvider(const json::jobject& entry, std::size
     return false;
   }
   LOG_INFO("Starting SSO API Provider: %s", type.c_str());
-  auto apiProvider = std::make_unique<SsoApiSocketProvider>(this, readInt(entry, "port"));
+  const int port = readInt(entry, "port");
+  auto apiProvider = std::make_unique<SsoApiSocketProvider>(this, port, readClientTimeout(entry));
   std::thread thread([owned = std::move(apiProvider)] { apiProviderThreadMain(owned.get()); });
   apiThreads[index] = std::move(thread);
   apiThreads[index].detach();  // it runs until the process ends, whatever becomes of the manager

@@ -157,7 +157,7 @@ std::string SsoClient::postTokenRequest(const std::string& scope, const std::str
   }
   const long status = exchange.status();
   LOG_DEBUG("Curl response code: %d", static_cast<int>(status));
-  LOG_DEBUG("Curl result: %s", body.c_str());
+  LOG_DEBUG("Curl result: %s", log_secret(body));
   if (!isSuccess(status)) {
     LOG_ERROR("Curl response code: %d", static_cast<int>(status));
     throw SsoException("Couldn't create access token. Curl returned: ");  // Kept: the status is in the log alone.

@@ -10,7 +10,8 @@
 #include "util/Descriptor.h"
 #include "util/Heap.h"
 #include "util/NoDestructor.h"
-#include "util/StopSignals.h"
+#include "util/Secrets.h"
+#include "util/Signals.h"
 #include "util/ThreadStacks.h"
 
 namespace {
@@ -27,9 +28,10 @@ int main(int argc, char** argv) {
   }
   const std::string configPath = argv[1];
   occupyStandardDescriptors();
-  takeStopSignals();
+  takeSignals();
   limitHeap();
   limitThreadStacks();
+  wipeMemoryOfOpenSsl();
   // API threads may be inside OpenSSL when the process ends: nothing may be taken from under them.
   OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
   readLoggingSettings(configPath);

@@ -56,6 +56,7 @@ class LoggingSettingsTest : public ::testing::Test {
  protected:
   ~LoggingSettingsTest() override {
     endLog();
+    log_redact_secrets(false);
     log_init(nullptr, LOG_LEVEL_OFF, 0);
   }
 
@@ -246,6 +247,42 @@ TEST_F(LoggingSettingsTest, FileThatCannotBeMadeIsToldOnStandardErrorAndReplaced
   EXPECT_EQ(started.second, Lines{"LOG START"} + shownAt(LOG_LEVEL_INFO));
   EXPECT_THAT(errors, MatchesRegex("Attempted to create log " + prefix + FILE_TIME +
                                    "\n Cannot open log file, using stdout instead : No such file or directory\n"));
+}
+
+TEST_F(LoggingSettingsTest, SecretsAreShownUnlessTheyAreToBeKeptOut) {
+  const std::string secret = "secret";
+  struct {
+    const char* member;
+    const char* shown;
+  } const table[] = {
+      {"", "secret"},
+      {R"(,"log_redact_secrets":false)", "secret"},
+      {R"(,"log_redact_secrets":true)", "[redacted]"},
+      {R"(,"LOG_REDACT_SECRETS":true)", "secret"},
+  };
+  for (const auto& row : table) {
+    SCOPED_TRACE(row.member);
+    EXPECT_TRUE(start(R"({"sso":{"log_level":"error")" + std::string(row.member) + "}}").first);
+    EXPECT_STREQ(log_secret(secret), row.shown);
+    EXPECT_FALSE(start(R"({"sso":{"log_level":5)" + std::string(row.member) + "}}").first);
+    EXPECT_STREQ(log_secret(secret), row.shown) << "with the log that is started without a level";
+  }
+}
+
+TEST_F(LoggingSettingsTest, RedactionThatIsNeitherTrueNorFalseIsToldAndOn) {
+  const std::string path = directory.file("configuration.json");
+  const std::string told = "DiscoverySSOManager: Configuration file " + path +
+                           ": sso.log_redact_secrets is neither true nor false. Secrets are kept out of the log";
+  const std::string noLevel = "DiscoverySSOManager: Configuration file " + path + " is missing sso.log_level";
+  for (const std::string value : {R"("true")", "1", "null", "[true]", "{}"}) {
+    SCOPED_TRACE(value);
+    log_redact_secrets(false);
+    EXPECT_EQ(start(R"({"sso":{"log_level":"error","log_redact_secrets":)" + value + "}}"),
+              std::make_pair(true, Lines{"LOG START", told} + shownAt(LOG_LEVEL_ERROR)));
+    EXPECT_STREQ(log_secret("secret"), "[redacted]");
+    EXPECT_EQ(start(R"({"sso":{"log_redact_secrets":)" + value + "}}"),
+              std::make_pair(false, Lines{"LOG START", noLevel, told} + shownAt(LOG_LEVEL_DEBUG)));
+  }
 }
 
 }  // namespace

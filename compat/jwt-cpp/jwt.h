@@ -37,8 +37,12 @@ class rs256 {
     } else {
       const key_owner key =
           load(private_key, private_key_password, "failed to load private key", PEM_read_bio_PrivateKey);
-      // A text that loads without a pass phrase is not encrypted.
-      signing_key = private_key_password.empty() ? private_key : write_plain(key.get());
+      // A text that loads without a pass phrase is not encrypted. No ?: here: it would make a copy that stays.
+      if (private_key_password.empty()) {
+        signing_key = private_key;
+      } else {
+        signing_key = write_plain(key.get());
+      }
     }
   }
   rs256(const rs256&) = default;

@@ -57,7 +57,7 @@ void SsoApiSocketProvider::sendTokenReply(const std::string& scope) {
     json::jobject reply = makeReply("ok");
     reply["token"] = manager->getToken(scope);
     const std::string text = reply.as_string();
-    LOG_INFO("Sending json token reply %s", text.c_str());  // Kept: with the token.
+    LOG_INFO("Sending json token reply %s", log_secret(text));  // Kept: with the token.
     sendReply(text);
   } catch (const std::exception& reason) {
     LOG_ERROR("SSO API Getting access token failed %s", reason.what());

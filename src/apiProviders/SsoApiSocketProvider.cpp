@@ -11,7 +11,6 @@
 
 #include "logging/logging.h"
 #include "util/Clock.h"
-#include "util/Frames.h"
 #include "util/Loopback.h"
 
 namespace velo::ssoService {
@@ -21,10 +20,15 @@ constexpr const char* LOG_SOURCE = "apiProviders/SsoApiSocketProvider";
 constexpr std::chrono::seconds SETUP_RETRY_PAUSE{30};
 constexpr int BACKLOG = 5;
 
+double inSeconds(std::chrono::milliseconds time) {
+  return std::chrono::duration<double>(time).count();
+}
+
 }  // namespace
 
-SsoApiSocketProvider::SsoApiSocketProvider(DiscoverySSOManager* requestManager, int listeningPort)
-    : manager(requestManager), port(listeningPort) {
+SsoApiSocketProvider::SsoApiSocketProvider(DiscoverySSOManager* requestManager, int listeningPort,
+                                           std::chrono::milliseconds timeOfClient)
+    : manager(requestManager), port(listeningPort), clientTimeout(timeOfClient) {
 }
 
 void SsoApiSocketProvider::serve() {
@@ -88,9 +92,14 @@ void SsoApiSocketProvider::serveClient() {
   discardUnreadInput();
 }
 
+/// Until when the client has to have done what it is to do now.
+Deadline SsoApiSocketProvider::clientDeadline() const {
+  return clientTimeout.count() > 0 ? Deadline(std::chrono::steady_clock::now() + clientTimeout) : std::nullopt;
+}
+
 /// The payload of the client's frame; empty after any failure.
 std::string SsoApiSocketProvider::readRequest() {
-  FrameReader frame(clientSocket.get());
+  FrameReader frame(clientSocket.get(), FrameReader::Patience::UNLIMITED, clientDeadline());
   Transfer outcome = frame.readLength();
   const bool lengthKnown = outcome == Transfer::COMPLETE;
   if (lengthKnown) {
@@ -112,6 +121,9 @@ std::string SsoApiSocketProvider::readRequest() {
         LOG_ERROR("SSO API request read failed, read 4 bytes - message length");
       }
       return "";
+    case Transfer::TIMED_OUT:
+      LOG_ERROR("SSO API client has not sent its request in %g seconds", inSeconds(clientTimeout));
+      return "";
   }
   std::string request = frame.text();
   LOG_INFO("SSO API received request %s", request.c_str());
@@ -119,7 +131,7 @@ std::string SsoApiSocketProvider::readRequest() {
 }
 
 void SsoApiSocketProvider::sendReply(const std::string& text) {
-  switch (sendAll(clientSocket.get(), makeFrame(text))) {
+  switch (sendAll(clientSocket.get(), makeFrame(text), clientDeadline())) {
     case Transfer::COMPLETE:
       break;
     case Transfer::CLOSED:
@@ -127,6 +139,9 @@ void SsoApiSocketProvider::sendReply(const std::string& text) {
       break;
     case Transfer::FAILED:
       LOG_ERROR("SSO API write failed");
+      break;
+    case Transfer::TIMED_OUT:
+      LOG_ERROR("SSO API client has not taken its reply in %g seconds", inSeconds(clientTimeout));
       break;
   }
 }

@@ -1,10 +1,12 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <string>
 
 #include "apiProviders/SsoApiProvider.h"
 #include "util/Descriptor.h"
+#include "util/Frames.h"
 
 namespace velo::ssoService {
 
@@ -15,8 +17,10 @@ class DiscoverySSOManager;
 /// failure ends serve.
 class SsoApiSocketProvider : public SsoApiProvider {
  public:
-  /// Opens nothing yet. The manager stays its owner's and has to outlive this object.
-  SsoApiSocketProvider(DiscoverySSOManager* requestManager, int listeningPort);
+  /// Opens nothing yet. The manager stays its owner's and has to outlive this object. A client that takes longer than
+  /// its time to send its request, or to take its reply, loses its connection; zero: it has all the time there is.
+  SsoApiSocketProvider(DiscoverySSOManager* requestManager, int listeningPort,
+                       std::chrono::milliseconds timeOfClient = std::chrono::milliseconds::zero());
   ~SsoApiSocketProvider() override = default;
 
   /// Opens the port, trying again every 30 seconds, then serves connections until stop is seen.
@@ -34,6 +38,7 @@ class SsoApiSocketProvider : public SsoApiProvider {
   void serveClient();
 
   // Framing: SsoApiSocketProvider.cpp
+  Deadline clientDeadline() const;
   std::string readRequest();
   void sendReply(const std::string& text);
   void discardUnreadInput();
@@ -48,6 +53,7 @@ class SsoApiSocketProvider : public SsoApiProvider {
 
   DiscoverySSOManager* manager;
   int port;
+  std::chrono::milliseconds clientTimeout;  // for a request and for a reply; zero: none
   Descriptor serverSocket;
   Descriptor clientSocket;  // open while a client is served
   std::atomic<bool> stopFlag{false};

@@ -13,7 +13,7 @@
 #include "util/Frames.h"
 #include "util/Loopback.h"
 #include "util/Secrets.h"
-#include "util/StopSignals.h"
+#include "util/Signals.h"
 
 namespace velo::ssoService {
 namespace {
@@ -39,7 +39,8 @@ bool isConnected(int connection) {
 
 }  // namespace
 
-OrvexKCProvider::OrvexKCProvider(int servicePort) : port(servicePort) {
+OrvexKCProvider::OrvexKCProvider(int servicePort, std::chrono::seconds limitOfReply)
+    : port(servicePort), replyLimit(limitOfReply) {
 }
 
 OrvexKCProvider::~OrvexKCProvider() {
@@ -106,6 +107,7 @@ bool OrvexKCProvider::sendRequest(const std::string& request) {
     case Transfer::CLOSED:
       fail("Orvex Key Certificate Connection closed while sending the request");
     case Transfer::FAILED:
+    case Transfer::TIMED_OUT:
       fail("Orvex Key Certificate sending the request failed");
   }
   LOG_DEBUG("Orvex Key Certificate request sent %d bytes", static_cast<int>(request.size()));
@@ -113,7 +115,9 @@ bool OrvexKCProvider::sendRequest(const std::string& request) {
 }
 
 bool OrvexKCProvider::readReply(std::string* out) {
-  FrameReader reply(socketFd.get(), FrameReader::Patience::UNTIL_STOP);
+  const Deadline deadline =
+      replyLimit.count() > 0 ? Deadline(std::chrono::steady_clock::now() + replyLimit) : std::nullopt;
+  FrameReader reply(socketFd.get(), FrameReader::Patience::UNTIL_STOP, deadline);
   // Kept: the texts for a missing length speak of the local API.
   switch (reply.readLength()) {
     case Transfer::COMPLETE:
@@ -124,6 +128,8 @@ bool OrvexKCProvider::readReply(std::string* out) {
     case Transfer::FAILED:
       LOG_ERROR("SSO API request read failed, read 4 bytes - message length");
       return false;
+    case Transfer::TIMED_OUT:
+      failInTime();
   }
   LOG_DEBUG("SSO API request message size: %d", static_cast<int>(reply.length()));
   switch (reply.readPayload()) {
@@ -135,10 +141,16 @@ bool OrvexKCProvider::readReply(std::string* out) {
       throw KCException("Orvex connection closed before all data read");
     case Transfer::FAILED:
       fail("Orvex read reply failed: read " + std::to_string(reply.received()) + " bytes");
+    case Transfer::TIMED_OUT:
+      failInTime();
   }
   *out = reply.text();
   LOG_DEBUG("Total bytes read %d", static_cast<int>(reply.received()));
   return true;
+}
+
+void OrvexKCProvider::failInTime() {
+  fail("Orvex Key Certificate no reply in " + std::to_string(replyLimit.count()) + " seconds");
 }
 
 /// Ends the exchange with an error that is logged and thrown with the same text.

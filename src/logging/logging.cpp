@@ -1,5 +1,6 @@
 #include "logging/logging.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <atomic>
@@ -10,11 +11,12 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <string>
 
 #include "logging/LineText.h"
+#include "util/Descriptor.h"
+#include "util/Mutex.h"
 
 namespace {
 
@@ -24,20 +26,21 @@ constexpr long NANOSECONDS_PER_MILLISECOND = 1000000;
 constexpr std::size_t USUAL_LINE_BYTES = 4096;
 
 std::atomic<int> currentLevel{LOG_LEVEL_VERBOSE};
+std::atomic<bool> redactsSecrets{false};
 
 /// Everything but the level, which is read without the lock so that a dropped message costs no more than that.
 struct LogState {
-  std::mutex lock;
-  std::FILE* stream = nullptr;  ///< null: the next message selects standard output
-  std::string prefix;
-  std::string fileName;  ///< empty: none
-  bool timestamps = false;
-  std::int64_t maxSize = 0;
-  int rotationHours = 0;
-  std::int64_t openedAt = 0;
-  std::int64_t rotateAt = 0;
-  int lineCount = 0;
-  std::time_t zoneReadAt = 0;
+  Mutex lock;
+  std::FILE* stream GUARDED_BY(lock) = nullptr;  ///< null: the next message selects standard output
+  std::string prefix GUARDED_BY(lock);
+  std::string fileName GUARDED_BY(lock);  ///< empty: none
+  bool timestamps GUARDED_BY(lock) = false;
+  std::int64_t maxSize GUARDED_BY(lock) = 0;
+  int rotationHours GUARDED_BY(lock) = 0;
+  std::int64_t openedAt GUARDED_BY(lock) = 0;
+  std::int64_t rotateAt GUARDED_BY(lock) = 0;
+  int lineCount GUARDED_BY(lock) = 0;
+  std::time_t zoneReadAt GUARDED_BY(lock) = 0;
 };
 
 /// Never destroyed: threads may log until the process is gone.
@@ -58,7 +61,7 @@ class ErrnoKeeper {
 };
 
 /// The local time now. The device's time zone may be set while the service runs: it is read again each second.
-std::tm localTime(LogState& log) {
+std::tm localTime(LogState& log) REQUIRES(log.lock) {
   const std::time_t now = std::time(nullptr);
   if (now != log.zoneReadAt) {
     tzset();
@@ -70,25 +73,25 @@ std::tm localTime(LogState& log) {
 }
 
 /// The form of asctime without its line end.
-std::string dateText(LogState& log) {
+std::string dateText(LogState& log) REQUIRES(log.lock) {
   const std::tm now = localTime(log);
   char text[64] = "";
   static_cast<void>(std::strftime(text, sizeof text, "%a %b %e %H:%M:%S %Y", &now));
   return text;
 }
 
-std::string timeStampedName(LogState& log) {
+std::string timeStampedName(LogState& log) REQUIRES(log.lock) {
   const std::tm now = localTime(log);
   char stamp[64] = "";
   static_cast<void>(std::strftime(stamp, sizeof stamp, "-%Y-%m-%d-%H-%M-%S.log", &now));
   return log.prefix + stamp;
 }
 
-void setRotationStart(LogState& log) {
+void setRotationStart(LogState& log) REQUIRES(log.lock) {
   log.rotateAt = log.openedAt + SECONDS_PER_HOUR * log.rotationHours;
 }
 
-int closeLocked(LogState& log) {
+int closeLocked(LogState& log) REQUIRES(log.lock) {
   int result = 0;
   if (log.stream != nullptr) {
     static_cast<void>(std::fprintf(log.stream, "LOG END %s", dateText(log).c_str()));
@@ -106,13 +109,24 @@ int closeLocked(LogState& log) {
   return result;
 }
 
-int openLocked(LogState& log) {
+/// A new or emptied file for writing, null when there is none (errno tells). What the log holds is nobody else's.
+std::FILE* createFile(const std::string& name) {
+  using velo::ssoService::Descriptor;
+  Descriptor file(::open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, S_IRUSR | S_IWUSR));
+  std::FILE* const stream = file.isOpen() ? ::fdopen(file.get(), "w") : nullptr;
+  if (stream != nullptr) {
+    static_cast<void>(file.release());
+  }
+  return stream;
+}
+
+int openLocked(LogState& log) REQUIRES(log.lock) {
   int result = closeLocked(log);
   if (log.prefix.empty()) {
     log.stream = stdout;
   } else {
     const std::string name = timeStampedName(log);
-    log.stream = std::fopen(name.c_str(), "we");
+    log.stream = createFile(name);
     if (log.stream != nullptr) {
       log.fileName = name;
     } else {
@@ -133,11 +147,11 @@ int openLocked(LogState& log) {
 }
 
 /// Kept: a log that is not open counts as a file too.
-bool isRotated(const LogState& log) {
+bool isRotated(const LogState& log) REQUIRES(log.lock) {
   return log.stream != stdout;
 }
 
-void checkSizeLocked(LogState& log) {
+void checkSizeLocked(LogState& log) REQUIRES(log.lock) {
   if (log.maxSize < 1 || !isRotated(log)) {
     return;
   }
@@ -149,13 +163,13 @@ void checkSizeLocked(LogState& log) {
   }
 }
 
-void checkTimeLocked(LogState& log) {
+void checkTimeLocked(LogState& log) REQUIRES(log.lock) {
   if (log.rotationHours > 0 && isRotated(log) && std::time(nullptr) >= log.rotateAt) {
     openLocked(log);
   }
 }
 
-int setLevelLocked(LogState& log, int level) {
+int setLevelLocked(LogState& log, int level) REQUIRES(log.lock) {
   if (level < LOG_LEVEL_OFF || level > LOG_LEVEL_VERBOSE) {
     return 1;
   }
@@ -176,7 +190,7 @@ struct LineHead {
   int line;
 };
 
-LineHead makeHead(LogState& log, const char* file, int line) {
+LineHead makeHead(LogState& log, const char* file, int line) REQUIRES(log.lock) {
   LineHead head;
   head.file = file;
   head.line = line;
@@ -251,7 +265,7 @@ void log_message(const char* file, int line, int level, const char* format, ...)
   }
   const ErrnoKeeper keeper;
   LogState& log = state();
-  const std::lock_guard<std::mutex> guard(log.lock);
+  const MutexGuard guard(log.lock);
   if (log.stream == nullptr) {
     log.stream = stdout;
   }
@@ -266,9 +280,17 @@ void log_message(const char* file, int line, int level, const char* format, ...)
   checkTimeLocked(log);
 }
 
+void log_redact_secrets(bool redact) {
+  redactsSecrets = redact;
+}
+
+const char* log_secret(const std::string& text) {
+  return redactsSecrets ? "[redacted]" : text.c_str();
+}
+
 int log_init(const char* prefix, int level, int timestamps) {
   LogState& log = state();
-  const std::lock_guard<std::mutex> guard(log.lock);
+  const MutexGuard guard(log.lock);
   log.prefix = prefix != nullptr ? prefix : "";
   log.timestamps = timestamps != 0;
   log.fileName.clear();
@@ -278,7 +300,7 @@ int log_init(const char* prefix, int level, int timestamps) {
 
 int log_set_level(int level) {
   LogState& log = state();
-  const std::lock_guard<std::mutex> guard(log.lock);
+  const MutexGuard guard(log.lock);
   return setLevelLocked(log, level);
 }
 
@@ -300,14 +322,14 @@ int log_level_from_name(const char* name) {
 
 void log_set_max_size_kb(unsigned kb) {
   LogState& log = state();
-  const std::lock_guard<std::mutex> guard(log.lock);
+  const MutexGuard guard(log.lock);
   log.maxSize = static_cast<std::int32_t>(1000U * kb);  // Kept: the product is taken in 32 bits.
   checkSizeLocked(log);
 }
 
 void log_set_rotation_hours(int hours) {
   LogState& log = state();
-  const std::lock_guard<std::mutex> guard(log.lock);
+  const MutexGuard guard(log.lock);
   log.rotationHours = hours;
   setRotationStart(log);
   checkTimeLocked(log);
@@ -315,24 +337,24 @@ void log_set_rotation_hours(int hours) {
 
 int log_open() {
   LogState& log = state();
-  const std::lock_guard<std::mutex> guard(log.lock);
+  const MutexGuard guard(log.lock);
   return openLocked(log);
 }
 
 int log_close() {
   LogState& log = state();
-  const std::lock_guard<std::mutex> guard(log.lock);
+  const MutexGuard guard(log.lock);
   return closeLocked(log);
 }
 
 void log_check_size() {
   LogState& log = state();
-  const std::lock_guard<std::mutex> guard(log.lock);
+  const MutexGuard guard(log.lock);
   checkSizeLocked(log);
 }
 
 void log_check_time() {
   LogState& log = state();
-  const std::lock_guard<std::mutex> guard(log.lock);
+  const MutexGuard guard(log.lock);
   checkTimeLocked(log);
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 // The process-wide log: one line a message on standard output or in a time-stamped file. Every function may be called
 // from any thread; lines never mix. None of them throws, unless memory runs out while a file is named; a log call
 // leaves errno as it was. Not for a handler that interrupts a thread: it locks.
@@ -21,6 +23,12 @@ void log_message(const char* file, int line, int level, const char* format, ...)
 /// Starts the log: the prefix of its file names (null or empty for standard output; copied), the level, and whether
 /// lines begin with the time of day. Returns what log_set_level returns.
 int log_init(const char* prefix, int level, int timestamps);
+
+/// Whether access tokens, client assertions and the bodies that carry them are kept out of the log; off at first.
+void log_redact_secrets(bool redact);
+
+/// What a line shows in the place of a secret text: the text, which has to outlive the call, or "[redacted]".
+const char* log_secret(const std::string& text);
 
 /// 0 when the level is set; 1 when it is not one of 0..5, or when the log's file could not be opened and standard
 /// output is used instead; the failure code of fclose when the log's file could not be closed.

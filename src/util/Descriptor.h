@@ -24,6 +24,9 @@ class Descriptor {
   int get() const { return descriptor; }
   bool isOpen() const { return descriptor >= 0; }
 
+  /// Gives the descriptor up: it is the caller's from now on.
+  int release() { return std::exchange(descriptor, NONE); }
+
   /// Closes the descriptor and takes another one.
   void reset(int owned = NONE) {
     if (isOpen() && descriptor != owned) {

@@ -17,12 +17,11 @@ bool readWholeFile(const std::string& path, std::string& text) {
   if (!file.isOpen()) {
     return false;
   }
-  struct stat status {};
-  if (::fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode)) {
-    // A text that grows would leave copies of a key behind.
-    text.reserve(std::min(static_cast<std::size_t>(status.st_size), MAX_FILE_BYTES));
-  }
   char chunk[4096];
+  struct stat status {};
+  const bool sizeIsKnown = ::fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode);
+  // A text that grows would leave copies of a key behind.
+  text.reserve(std::clamp(sizeIsKnown ? static_cast<std::size_t>(status.st_size) : 0, sizeof chunk, MAX_FILE_BYTES));
   ssize_t count = 0;
   while (text.size() < MAX_FILE_BYTES && (count = ::read(file.get(), chunk, sizeof chunk)) > 0) {
     text.append(chunk, static_cast<std::size_t>(count));
@@ -32,9 +31,7 @@ bool readWholeFile(const std::string& path, std::string& text) {
 }
 
 void writeWholeFile(const std::string& path, const std::string& text) {
-  constexpr mode_t ANYONE_THE_UMASK_ALLOWS = 0666;
-  const Descriptor file(
-      ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, ANYONE_THE_UMASK_ALLOWS));
+  const Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, S_IRUSR | S_IWUSR));
   std::size_t written = 0;
   while (written < text.size()) {
     const ssize_t count = ::write(file.get(), text.data() + written, text.size() - written);

@@ -13,7 +13,8 @@ constexpr std::size_t MAX_FILE_BYTES = std::size_t{16} * 1024 * 1024;
 /// up.
 bool readWholeFile(const std::string& path, std::string& text);
 
-/// Replaces a file's contents, creating the file if need be. A file that cannot be written is left as far as it got.
+/// Replaces a file's contents, creating the file, which only its owner can read, if need be. A file that cannot be
+/// written is left as far as it got.
 void writeWholeFile(const std::string& path, const std::string& text);
 
 }  // namespace velo::ssoService

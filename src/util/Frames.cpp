@@ -11,7 +11,7 @@
 #include <cstring>
 
 #include "util/Secrets.h"
-#include "util/StopSignals.h"
+#include "util/Signals.h"
 
 namespace velo::ssoService {
 namespace {
@@ -20,10 +20,39 @@ constexpr std::size_t LENGTH_BYTES = 4;
 constexpr std::size_t FIRST_READ_BYTES = 255;
 constexpr std::size_t CHUNK_BYTES = 16384;
 constexpr std::chrono::seconds STOP_GRACE{1};
+constexpr std::chrono::seconds BETWEEN_LOOKS{1};
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+/// What is left of the time, for poll; rounded up, so that the last millisecond is slept and not spun.
+milliseconds restUntil(steady_clock::time_point end) {
+  return std::max(std::chrono::ceil<milliseconds>(end - steady_clock::now()), milliseconds(0));
+}
+
+int poll(pollfd* watched, nfds_t count, milliseconds limit) {
+  return ::poll(watched, count, static_cast<int>(limit.count()));
+}
+
+/// Waits until the connection can be read or written without a wait; false when the deadline passes first.
+bool isReadyInTime(int connection, short event, const Deadline& deadline) {
+  pollfd watched{connection, event, 0};
+  while (deadline) {
+    const milliseconds rest = restUntil(*deadline);
+    if (rest.count() == 0) {
+      return false;
+    }
+    if (poll(&watched, 1, std::min<milliseconds>(rest, BETWEEN_LOOKS)) > 0) {
+      break;
+    }
+  }
+  return true;
+}
 
 }  // namespace
 
-FrameReader::FrameReader(int source, Patience waiting) : connection(source), patience(waiting) {
+FrameReader::FrameReader(int source, Patience waiting, const Deadline& end)
+    : connection(source), patience(waiting), deadline(end) {
 }
 
 FrameReader::~FrameReader() {
@@ -69,9 +98,9 @@ Transfer FrameReader::readPayload() {
 }
 
 Transfer FrameReader::readSome(char* buffer, std::size_t capacity, std::size_t& count) {
-  if (patience == Patience::UNTIL_STOP && !waitForInput()) {
-    errno = EINTR;
-    return Transfer::FAILED;
+  const Transfer outcome = waitForInput();
+  if (outcome != Transfer::COMPLETE) {
+    return outcome;
   }
   const ssize_t result = ::read(connection, buffer, capacity);
   if (result <= 0) {
@@ -81,27 +110,47 @@ Transfer FrameReader::readSome(char* buffer, std::size_t capacity, std::size_t& 
   return Transfer::COMPLETE;
 }
 
-/// Waits for the other side; false when a stop signal has come and the other side does not send in the grace time.
-bool FrameReader::waitForInput() {
-  pollfd watched[] = {{connection, POLLIN, 0}, {stopSignalDescriptor(), POLLIN, 0}};
-  while (!isStopPending()) {
-    constexpr int MILLISECONDS_BETWEEN_LOOKS = 1000;  // a stop that another thread takes is seen by then
-    if (::poll(watched, 2, MILLISECONDS_BETWEEN_LOOKS) > 0 && watched[0].revents != 0) {
-      return true;
-    }
+/// COMPLETE when a read may follow, which without a limit does the waiting itself.
+Transfer FrameReader::waitForInput() {
+  if (patience == Patience::UNTIL_STOP) {
+    return waitForInputOrStop();
   }
-  const auto now = std::chrono::steady_clock::now();
-  if (!graceEnd) {
-    graceEnd = now + STOP_GRACE;
-  }
-  const auto rest = std::chrono::ceil<std::chrono::milliseconds>(*graceEnd - now);
-  return ::poll(watched, 1, static_cast<int>(std::max<std::int64_t>(rest.count(), 0))) > 0;
+  return isReadyInTime(connection, POLLIN, deadline) ? Transfer::COMPLETE : Transfer::TIMED_OUT;
 }
 
-Transfer sendAll(int connection, const std::string& bytes) {
+/// FAILED when a stop signal has come and the other side does not send in the grace time.
+Transfer FrameReader::waitForInputOrStop() {
+  pollfd watched[] = {{connection, POLLIN, 0}, {stopSignalDescriptor(), POLLIN, 0}};
+  while (!isStopPending()) {  // a stop that another thread takes is seen at the next look
+    const milliseconds rest = deadline ? restUntil(*deadline) : BETWEEN_LOOKS;
+    if (rest.count() == 0) {
+      return Transfer::TIMED_OUT;
+    }
+    if (poll(watched, 2, std::min<milliseconds>(rest, BETWEEN_LOOKS)) > 0 && watched[0].revents != 0) {
+      return Transfer::COMPLETE;
+    }
+  }
+  if (!graceEnd) {
+    graceEnd = steady_clock::now() + STOP_GRACE;
+  }
+  if (poll(watched, 1, restUntil(*graceEnd)) > 0) {
+    return Transfer::COMPLETE;
+  }
+  errno = EINTR;
+  return Transfer::FAILED;
+}
+
+Transfer sendAll(int connection, const std::string& bytes, const Deadline& deadline) {
+  const int flags = MSG_NOSIGNAL | (deadline ? MSG_DONTWAIT : 0);
   std::size_t sent = 0;
   while (sent < bytes.size()) {
-    const ssize_t result = ::send(connection, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+    if (!isReadyInTime(connection, POLLOUT, deadline)) {
+      return Transfer::TIMED_OUT;
+    }
+    const ssize_t result = ::send(connection, bytes.data() + sent, bytes.size() - sent, flags);
+    if (result < 0 && deadline && errno == EAGAIN) {
+      continue;
+    }
     if (result <= 0) {
       return result == 0 ? Transfer::CLOSED : Transfer::FAILED;
     }

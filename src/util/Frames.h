@@ -15,9 +15,13 @@ constexpr std::uint32_t MAX_FRAME_BYTES = 1024 * 1024;
 /// How a transfer on a connection ended.
 enum class Transfer {
   COMPLETE,
-  CLOSED,  ///< the other side closed the connection
-  FAILED   ///< an error (errno tells, EINTR included), or a frame that is too large
+  CLOSED,    ///< the other side closed the connection
+  FAILED,    ///< an error (errno tells, EINTR included), or a frame that is too large
+  TIMED_OUT  ///< the deadline has passed; only with one
 };
+
+/// When a transfer as a whole has to be done; none: when it is done.
+using Deadline = std::optional<std::chrono::steady_clock::time_point>;
 
 /// Reads one frame from a connection: a payload length of four bytes, big-endian, and the payload. Bytes that the other
 /// side sends beyond the frame are ignored. Memory grows with the bytes that arrive, not with the announced length.
@@ -29,7 +33,7 @@ class FrameReader {
   };
 
   /// The descriptor stays the caller's.
-  explicit FrameReader(int source, Patience waiting = Patience::UNLIMITED);
+  explicit FrameReader(int source, Patience waiting = Patience::UNLIMITED, const Deadline& end = std::nullopt);
   ~FrameReader();
   FrameReader(const FrameReader&) = delete;
   FrameReader& operator=(const FrameReader&) = delete;
@@ -48,17 +52,19 @@ class FrameReader {
 
  private:
   Transfer readSome(char* buffer, std::size_t capacity, std::size_t& count);
-  bool waitForInput();
+  Transfer waitForInput();
+  Transfer waitForInputOrStop();
 
   const int connection;
   const Patience patience;
-  std::optional<std::chrono::steady_clock::time_point> graceEnd;  // once a stop is seen
+  const Deadline deadline;
+  Deadline graceEnd;  // once a stop is seen
   std::uint32_t announced = 0;
   std::string payload;  // wiped: it may carry a private key or a token
 };
 
 /// Sends all of the bytes, in as many writes as it takes. CLOSED when a write takes nothing, FAILED when one fails.
-Transfer sendAll(int connection, const std::string& bytes);
+Transfer sendAll(int connection, const std::string& bytes, const Deadline& deadline = std::nullopt);
 
 /// The frame that carries this text, which ends at its first NUL.
 std::string makeFrame(const std::string& text);

@@ -1,8 +1,39 @@
 #include "util/Secrets.h"
 
+#include <malloc.h>
 #include <openssl/crypto.h>
 
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
 namespace velo::ssoService {
+namespace {
+
+void* allocate(std::size_t size, const char* /*file*/, int /*line*/) {
+  return std::malloc(size);
+}
+
+void wipeAndFree(void* memory, const char* /*file*/, int /*line*/) {
+  OPENSSL_cleanse(memory, malloc_usable_size(memory));
+  std::free(memory);
+}
+
+/// Not realloc, which would leave the old place as it is when it moves the contents.
+void* moveAndWipe(void* memory, std::size_t size, const char* file, int line) {
+  void* const moved = allocate(size, file, line);
+  if (memory != nullptr && moved != nullptr) {
+    std::memcpy(moved, memory, std::min(size, malloc_usable_size(memory)));
+    wipeAndFree(memory, file, line);
+  }
+  return moved;
+}
+
+}  // namespace
+
+void wipeMemoryOfOpenSsl() {
+  CRYPTO_set_mem_functions(allocate, moveAndWipe, wipeAndFree);
+}
 
 void wipe(std::string& text) {
   text.resize(text.capacity());  // what a longer text has left behind the end goes too

@@ -22,9 +22,10 @@
 #include "support/LogCapture.h"
 #include "support/LoggedAt.h"
 #include "support/OpenDescriptors.h"
+#include "support/TestIdentity.h"
 #include "support/Thrown.h"
 #include "util/Descriptor.h"
-#include "util/StopSignals.h"
+#include "util/Signals.h"
 
 namespace test {
 namespace {
@@ -54,6 +55,20 @@ TEST_F(OrvexKCProviderFailureTest, RefusedConnection) {
                   SOURCE + "Orvex Key Certificate socket successfully created", SOURCE + NOT_OPEN));
   EXPECT_EQ(thrownBy([&] { unserved.getPublicKey(false); }), "KCException: " + NOT_OPEN);
   EXPECT_EQ(thrownBy([&] { unserved.getCertificateId(false); }), "KCException: " + NOT_OPEN);
+}
+
+TEST_F(OrvexKCProviderFailureTest, ReplyIsWaitedForUntilItsLimit) {
+  OrvexKCProvider limited(service.port(), std::chrono::seconds(1));
+  const std::string late = "Orvex Key Certificate no reply in 1 seconds";
+  for (const std::string& part : {std::string(), lengthPrefix(10) + "part"}) {
+    SCOPED_TRACE(part);
+    service.answer({send(part), silence()});
+    const LogCapture log(LOG_LEVEL_ERROR);
+    EXPECT_EQ(thrownBy([&] { limited.getPrivateKey(false); }), "KCException: " + late);
+    EXPECT_THAT(log.lines(), ElementsAre(SOURCE + late));
+  }
+  service.serve(deviceIdentity().privateKey, deviceIdentity().certificate);
+  EXPECT_EQ(limited.getPrivateKey(false), deviceIdentity().privateKey);
 }
 
 /// Takes ten real seconds: the limit itself is looked at.

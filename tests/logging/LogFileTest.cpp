@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstdio>
 #include <cstring>
@@ -76,6 +77,15 @@ TEST_F(LogFiles, DateOfASingleDigitDayIsPaddedWithABlank) {
   log_init(prefix.c_str(), LOG_LEVEL_INFO, 0);
   EXPECT_EQ(read(0), "LOG START Thu Mar  5 01:02:03 2026\n");
   EXPECT_EQ(read(0), "LOG START " + asctimeText(moment) + "\n");
+}
+
+TEST_F(LogFiles, FileIsItsOwnersAlone) {
+  const mode_t before = ::umask(0);
+  log_init(prefix.c_str(), LOG_LEVEL_INFO, 1);
+  ::umask(before);
+  struct stat status {};
+  ASSERT_EQ(::stat(directory.file(directory.names().at(0)).c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777U, 0600U);
 }
 
 TEST_F(LogFiles, CloseWritesLogEndWithoutALineEnd) {

@@ -2,7 +2,7 @@
 
 #include <stdexcept>
 
-#include "util/StopSignals.h"
+#include "util/Signals.h"
 
 namespace test {
 namespace {
@@ -21,6 +21,7 @@ void refuseEndlessLoop(std::size_t rounds) {
 StopScript::StopScript() {
   current = this;
   velo::ssoService::stopRequested = 0;
+  velo::ssoService::reloadRequested = 0;
 }
 
 StopScript::~StopScript() {
@@ -31,13 +32,18 @@ void requestStop() {
   velo::ssoService::stopRequested = 1;
 }
 
+void requestReload() {
+  velo::ssoService::reloadRequested = 1;
+}
+
 }  // namespace test
 
 namespace velo::ssoService {
 
 std::atomic<int> stopRequested{0};
+std::atomic<int> reloadRequested{0};
 
-void deliverStopSignals() {
+void deliverSignals() {
   if (test::current == nullptr) {
     return;
   }
@@ -48,7 +54,7 @@ void deliverStopSignals() {
   }
 }
 
-void waitForStopSignal(std::chrono::seconds limit) {
+void waitForSignal(std::chrono::milliseconds limit) {
   const std::size_t before = test::current->waits.size();
   test::current->waits.push_back(limit);
   test::refuseEndlessLoop(before);
@@ -69,7 +75,11 @@ void onStopSignal(int /*signo*/) {
   test::requestStop();
 }
 
-void takeStopSignals() {
+void onReloadSignal(int /*signo*/) {
+  test::requestReload();
+}
+
+void takeSignals() {
 }
 
 }  // namespace velo::ssoService

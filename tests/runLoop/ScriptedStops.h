@@ -6,10 +6,10 @@
 
 namespace test {
 
-using Waits = std::vector<std::chrono::seconds>;
+using Waits = std::vector<std::chrono::milliseconds>;
 
-/// What stands in the place of stop signals and of the main thread's waits for them: waits return at once, after what
-/// the script does, and a stop is what the script says. One at a time.
+/// What stands in the place of signals and of the main thread's waits for them: waits return at once, after what the
+/// script does, and a stop or a reload is what the script says. One at a time.
 struct StopScript {
   StopScript();
   ~StopScript();
@@ -28,5 +28,8 @@ struct StopScript {
 
 /// As if a stop signal had been handled.
 void requestStop();
+
+/// As if a reload signal had been handled.
+void requestReload();
 
 }  // namespace test

@@ -53,6 +53,17 @@ TEST(Descriptor, ZeroIsADescriptor) {
             0);
 }
 
+TEST(Descriptor, ReleaseGivesItUp) {
+  int raw = Descriptor::NONE;
+  {
+    Descriptor owner(openNull());
+    raw = owner.release();
+    EXPECT_FALSE(owner.isOpen());
+  }
+  EXPECT_TRUE(isOpen(raw));
+  ::close(raw);
+}
+
 TEST(Descriptor, ResetClosesTheOldOne) {
   Descriptor owner(openNull());
   const int first = owner.get();

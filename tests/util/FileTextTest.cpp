@@ -77,13 +77,13 @@ TEST_F(FileText, IsWrittenByteForByteAndReplaced) {
   EXPECT_TRUE(descriptors.areAsBefore());
 }
 
-TEST_F(FileText, IsWrittenWithTheModeThatTheUmaskAllows) {
-  const mode_t before = ::umask(027);
+TEST_F(FileText, IsCreatedForItsOwnerAlone) {
+  const mode_t before = ::umask(0);
   writeWholeFile(path, "text");
   ::umask(before);
   struct stat status {};
   ASSERT_EQ(::stat(path.c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 0777U, 0640U);
+  EXPECT_EQ(status.st_mode & 0777U, 0600U);
 }
 
 TEST_F(FileText, ThatCannotBeWrittenIsNoError) {

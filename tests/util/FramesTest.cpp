@@ -13,7 +13,7 @@
 #include "support/LogCapture.h"
 #include "util/Descriptor.h"
 #include "util/Frames.h"
-#include "util/StopSignals.h"
+#include "util/Signals.h"
 
 namespace {
 
@@ -231,7 +231,7 @@ TEST(FrameReader, PatienceUntilStopReadsAsEverWithoutAStop) {
 
 TEST(FrameReaderAtStop, WaitEndsASecondAfterTheStopLikeAnInterruptedRead) {
   EXPECT_EQ(test::runInChild([] {
-              takeStopSignals();
+              takeSignals();
               ::raise(SIGTERM);
               const Connection silent;
               FrameReader reader(silent.near.get(), Patience::UNTIL_STOP);
@@ -249,7 +249,7 @@ TEST(FrameReaderAtStop, WaitEndsASecondAfterTheStopLikeAnInterruptedRead) {
 
 TEST(FrameReaderAtStop, WhatHasArrivedIsStillRead) {
   EXPECT_EQ(test::runInChild([] {
-              takeStopSignals();
+              takeSignals();
               ::raise(SIGINT);
               const Connection connection;
               connection.send(frame(std::string(1000, 'x')));
@@ -263,7 +263,7 @@ TEST(FrameReaderAtStop, WhatHasArrivedIsStillRead) {
 
 TEST(FrameReaderAtStop, OtherSideThatClosesIsStillSeen) {
   EXPECT_EQ(test::runInChild([] {
-              takeStopSignals();
+              takeSignals();
               ::raise(SIGTERM);
               Connection connection;
               connection.send(prefix(10) + "part");
@@ -278,7 +278,7 @@ TEST(FrameReaderAtStop, OtherSideThatClosesIsStillSeen) {
 TEST(FrameReaderAtStop, StopDuringTheWaitEndsItWhetherPendingOrHandled) {
   for (const bool isHandled : {false, true}) {
     EXPECT_EQ(test::runInChild([isHandled] {
-                takeStopSignals();
+                takeSignals();
                 const Connection connection;
                 connection.send(prefix(10) + "part");
                 FrameReader reader(connection.near.get(), Patience::UNTIL_STOP);
@@ -287,7 +287,7 @@ TEST(FrameReaderAtStop, StopDuringTheWaitEndsItWhetherPendingOrHandled) {
                   ::kill(::getpid(), SIGTERM);
                   if (isHandled) {
                     const test::LogCapture log;
-                    deliverStopSignals();
+                    deliverSignals();
                   }
                 });
                 EXPECT_EQ(reader.readPayload(), Transfer::FAILED);
@@ -302,7 +302,7 @@ TEST(FrameReaderAtStop, StopDuringTheWaitEndsItWhetherPendingOrHandled) {
 
 TEST(FrameReaderAtStop, UnlimitedPatienceIgnoresIt) {
   EXPECT_EQ(test::runInChild([] {
-              takeStopSignals();
+              takeSignals();
               ::raise(SIGTERM);
               Connection connection;
               std::thread sender([&] { connection.send(frame("payload")); });

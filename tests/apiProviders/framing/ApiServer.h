@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <chrono>
 #include <csignal>
 #include <stdexcept>
 #include <thread>
@@ -14,8 +15,9 @@ namespace test {
 /// A provider that serves its accept loop on a thread of its own until the scope ends.
 class ApiServer {
  public:
-  explicit ApiServer(velo::ssoService::DiscoverySSOManager* manager = nullptr)
-      : number(freePort()), provider(manager, number) {
+  explicit ApiServer(velo::ssoService::DiscoverySSOManager* manager = nullptr,
+                     std::chrono::milliseconds clientTimeout = std::chrono::milliseconds::zero())
+      : number(freePort()), provider(manager, number, clientTimeout) {
     if (!provider.setupServer()) {
       throw std::runtime_error("cannot listen");
     }

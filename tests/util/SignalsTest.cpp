@@ -13,7 +13,7 @@
 #include "support/Await.h"
 #include "support/ChildProcess.h"
 #include "support/LogCapture.h"
-#include "util/StopSignals.h"
+#include "util/Signals.h"
 
 namespace {
 
@@ -46,11 +46,11 @@ auto handlerOf(int signal) {
 
 steady_clock::duration timeOfWait(seconds limit) {
   const auto begin = steady_clock::now();
-  waitForStopSignal(limit);
+  waitForSignal(limit);
   return steady_clock::now() - begin;
 }
 
-TEST(StopSignals, BeforeTheyAreTakenNothingIsPending) {
+TEST(Signals, BeforeTheyAreTakenNothingIsPending) {
   EXPECT_EQ(test::runInChild([] {
               EXPECT_EQ(stopRequested, 0);
               EXPECT_EQ(stopSignalDescriptor(), -1);
@@ -59,7 +59,7 @@ TEST(StopSignals, BeforeTheyAreTakenNothingIsPending) {
             0);
 }
 
-TEST(StopSignals, HandlerLogsAtInfoAndSetsTheFlag) {
+TEST(Signals, HandlerLogsAtInfoAndSetsTheFlag) {
   for (const int signal : {SIGTERM, SIGINT, 0}) {
     EXPECT_EQ(test::runInChild([signal] {
                 const test::LogCapture log(LOG_LEVEL_INFO);
@@ -82,9 +82,9 @@ TEST(StopSignals, HandlerLogsAtInfoAndSetsTheFlag) {
             0);
 }
 
-TEST(StopSignals, AreBlockedAndHandledAndTheirLikesIgnored) {
+TEST(Signals, AreBlockedAndHandledAndTheirLikesIgnored) {
   EXPECT_EQ(test::runInChild([] {
-              takeStopSignals();
+              takeSignals();
               EXPECT_TRUE(isBlocked(SIGTERM));
               EXPECT_TRUE(isBlocked(SIGINT));
               EXPECT_FALSE(isBlocked(SIGUSR1));
@@ -99,11 +99,11 @@ TEST(StopSignals, AreBlockedAndHandledAndTheirLikesIgnored) {
             0);
 }
 
-TEST(StopSignals, ArePendingUntilTheyAreDelivered) {
+TEST(Signals, ArePendingUntilTheyAreDelivered) {
   for (const int signal : {SIGTERM, SIGINT}) {
     EXPECT_EQ(test::runInChild([signal] {
                 const test::LogCapture log;
-                takeStopSignals();
+                takeSignals();
                 EXPECT_FALSE(isStopPending());
                 EXPECT_FALSE(isReadable(stopSignalDescriptor()));
                 ::kill(::getpid(), signal);
@@ -111,7 +111,7 @@ TEST(StopSignals, ArePendingUntilTheyAreDelivered) {
                 EXPECT_TRUE(isReadable(stopSignalDescriptor()));
                 EXPECT_EQ(stopRequested, 0);
                 EXPECT_THAT(log.lines(), IsEmpty());
-                deliverStopSignals();
+                deliverSignals();
                 EXPECT_EQ(stopRequested, 1);
                 EXPECT_THAT(log.lines(), ElementsAre(RECEIVED));
                 EXPECT_FALSE(isReadable(stopSignalDescriptor()));
@@ -122,23 +122,23 @@ TEST(StopSignals, ArePendingUntilTheyAreDelivered) {
   }
 }
 
-TEST(StopSignals, EachIsDelivered) {
+TEST(Signals, EachIsDelivered) {
   EXPECT_EQ(test::runInChild([] {
               const test::LogCapture log;
-              takeStopSignals();
-              deliverStopSignals();
+              takeSignals();
+              deliverSignals();
               EXPECT_EQ(stopRequested, 0);
               ::raise(SIGTERM);
               ::raise(SIGINT);
-              deliverStopSignals();
+              deliverSignals();
               EXPECT_THAT(log.lines(), ElementsAre(RECEIVED, RECEIVED));
             }),
             0);
 }
 
-TEST(StopSignals, WaitEndsAtItsLimit) {
+TEST(Signals, WaitEndsAtItsLimit) {
   EXPECT_EQ(test::runInChild([] {
-              takeStopSignals();
+              takeSignals();
               EXPECT_GE(timeOfWait(seconds(1)), seconds(1));
               EXPECT_LT(timeOfWait(seconds(0)), test::PATIENCE);
               EXPECT_EQ(stopRequested, 0);
@@ -146,10 +146,10 @@ TEST(StopSignals, WaitEndsAtItsLimit) {
             0);
 }
 
-TEST(StopSignals, WaitDeliversWhatIsPendingAtOnce) {
+TEST(Signals, WaitDeliversWhatIsPendingAtOnce) {
   EXPECT_EQ(test::runInChild([] {
               const test::LogCapture log;
-              takeStopSignals();
+              takeSignals();
               ::raise(SIGTERM);
               EXPECT_LT(timeOfWait(seconds(30)), test::PATIENCE);
               EXPECT_EQ(stopRequested, 1);
@@ -160,10 +160,10 @@ TEST(StopSignals, WaitDeliversWhatIsPendingAtOnce) {
             0);
 }
 
-TEST(StopSignals, WaitIsCutShortByASignal) {
+TEST(Signals, WaitIsCutShortByASignal) {
   EXPECT_EQ(test::runInChild([] {
               const test::LogCapture log;
-              takeStopSignals();
+              takeSignals();
               std::thread stopping([] { ::kill(::getpid(), SIGINT); });
               EXPECT_LT(timeOfWait(seconds(30)), test::PATIENCE);
               EXPECT_EQ(stopRequested, 1);
@@ -172,20 +172,64 @@ TEST(StopSignals, WaitIsCutShortByASignal) {
             0);
 }
 
-TEST(StopSignals, WithoutADescriptorTheHandlerInterrupts) {
+TEST(Signals, WithoutADescriptorTheHandlerInterrupts) {
   EXPECT_EQ(test::runInChild([] {
               const test::LogCapture log;
               rlimit limit{};
               ::getrlimit(RLIMIT_NOFILE, &limit);
               const rlimit none{0, limit.rlim_max};
               ::setrlimit(RLIMIT_NOFILE, &none);
-              takeStopSignals();
+              takeSignals();
               ::setrlimit(RLIMIT_NOFILE, &limit);
               EXPECT_EQ(stopSignalDescriptor(), -1);
               EXPECT_FALSE(isBlocked(SIGTERM));
               ::raise(SIGTERM);
               EXPECT_EQ(stopRequested, 1);
               EXPECT_THAT(log.lines(), ElementsAre(RECEIVED));
+            }),
+            0);
+}
+
+TEST(ReloadSignal, IsBlockedHandledAndNoStop) {
+  EXPECT_EQ(test::runInChild([] {
+              const test::LogCapture log;
+              takeSignals();
+              EXPECT_TRUE(isBlocked(SIGHUP));
+              EXPECT_EQ(handlerOf(SIGHUP), &onReloadSignal);
+              ::kill(::getpid(), SIGHUP);
+              EXPECT_FALSE(isStopPending());
+              EXPECT_FALSE(isReadable(stopSignalDescriptor()));
+              EXPECT_EQ(reloadRequested, 0);
+              deliverSignals();
+              EXPECT_EQ(reloadRequested, 1);
+              EXPECT_EQ(stopRequested, 0);
+              EXPECT_THAT(log.lines(), ElementsAre("DiscoverySSOManager: Received RELOAD signal"));
+            }),
+            0);
+}
+
+TEST(ReloadSignal, IsLoggedAtInfo) {
+  EXPECT_EQ(test::runInChild([] {
+              const test::LogCapture log(LOG_LEVEL_WARNING);
+              onReloadSignal(SIGHUP);
+              EXPECT_THAT(log.lines(), IsEmpty());
+              EXPECT_EQ(reloadRequested, 1);
+            }),
+            0);
+}
+
+TEST(ReloadSignal, EndsAWaitBeforeAndWithinIt) {
+  EXPECT_EQ(test::runInChild([] {
+              const test::LogCapture log;
+              takeSignals();
+              ::kill(::getpid(), SIGHUP);
+              EXPECT_LT(timeOfWait(seconds(30)), seconds(10));
+              EXPECT_EQ(reloadRequested.exchange(0), 1);
+              std::thread sender([] { ::kill(::getpid(), SIGHUP); });
+              EXPECT_LT(timeOfWait(seconds(30)), seconds(10));
+              EXPECT_EQ(reloadRequested, 1);
+              sender.join();
+              EXPECT_LT(timeOfWait(seconds(30)), seconds(10)) << "one that is handled and not obeyed";
             }),
             0);
 }

@@ -1,0 +1,105 @@
+#include "util/Signals.h"
+
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+
+#include "logging/logging.h"
+
+namespace velo::ssoService {
+namespace {
+
+constexpr const char* LOG_SOURCE = "DiscoverySSOManager";
+
+// Open until the process ends: any thread may be polling the first one.
+std::atomic<int> stopDescriptor{-1};
+std::atomic<int> reloadDescriptor{-1};
+
+int poll(pollfd* watched, nfds_t count, std::chrono::milliseconds limit) {
+  return ::poll(watched, count, static_cast<int>(limit.count()));
+}
+
+/// Blocks the signals and gives the descriptor that they are read from. Without one (-1) they stay open: a handler that
+/// interrupts is better than a process that cannot be told anything.
+int blockSignals(const sigset_t& signals) {
+  const int descriptor = ::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+  if (descriptor >= 0) {
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  }
+  return descriptor;
+}
+
+void deliver(int descriptor, void (*handler)(int)) {
+  signalfd_siginfo received{};
+  while (::read(descriptor, &received, sizeof received) == static_cast<ssize_t>(sizeof received)) {
+    handler(static_cast<int>(received.ssi_signo));
+  }
+}
+
+}  // namespace
+
+std::atomic<int> stopRequested{0};
+std::atomic<int> reloadRequested{0};
+
+void onStopSignal(int /*signo*/) {
+  LOG_INFO("Received STOP signal");
+  stopRequested = 1;
+}
+
+void onReloadSignal(int /*signo*/) {
+  LOG_INFO("Received RELOAD signal");
+  reloadRequested = 1;
+}
+
+void takeSignals() {
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGTERM);
+  sigaddset(&stopSignals, SIGINT);
+  sigset_t reloadSignals;
+  sigemptyset(&reloadSignals);
+  sigaddset(&reloadSignals, SIGHUP);
+  stopDescriptor = blockSignals(stopSignals);
+  reloadDescriptor = blockSignals(reloadSignals);
+  std::signal(SIGTERM, onStopSignal);
+  std::signal(SIGINT, onStopSignal);
+  std::signal(SIGHUP, onReloadSignal);
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
+}
+
+void deliverSignals() {
+  deliver(stopDescriptor, onStopSignal);
+  deliver(reloadDescriptor, onReloadSignal);
+}
+
+void waitForSignal(std::chrono::milliseconds limit) {
+  using std::chrono::steady_clock;
+  const steady_clock::time_point end = steady_clock::now() + limit;
+  pollfd watched[] = {{stopDescriptor, POLLIN, 0}, {reloadDescriptor, POLLIN, 0}};
+  while (stopRequested == 0 && reloadRequested == 0) {
+    // Rounded up, so that the last millisecond is slept and not spun.
+    const auto rest = std::chrono::ceil<std::chrono::milliseconds>(end - steady_clock::now());
+    if (rest.count() <= 0) {
+      return;
+    }
+    if (poll(watched, 2, rest) > 0) {
+      deliverSignals();
+      return;
+    }
+  }
+}
+
+bool isStopPending() {
+  pollfd watched{stopDescriptor, POLLIN, 0};
+  return stopRequested != 0 || poll(&watched, 1, std::chrono::milliseconds(0)) > 0;
+}
+
+int stopSignalDescriptor() {
+  return stopDescriptor;
+}
+
+}  // namespace velo::ssoService
