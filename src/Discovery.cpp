@@ -11,6 +11,7 @@
 #include "util/JsonMembers.h"
 #include "util/OpenSsl.h"
 #include "util/Secrets.h"
+#include "util/Signals.h"
 
 namespace velo::ssoService {
 namespace {
@@ -141,6 +142,9 @@ void Discovery::decryptData(const std::string& data) {
   }
   LOG_DEBUG("Decrypting Discovery Request: %d size", static_cast<int>(bytes.size()));
   for (std::size_t offset = 0; offset < bytes.size(); offset += DISCOVERY_RSA_BLOCK_SIZE) {
+    if (isStopPending()) {  // a long reply takes seconds
+      throw SsoException("Decrypting Discovery Request was ended by a stop");
+    }
     LOG_VERBOSE("string offset : %d", static_cast<int>(offset));
     const std::size_t length = std::min(DISCOVERY_RSA_BLOCK_SIZE, bytes.size() - offset);
     const auto* block = reinterpret_cast<const unsigned char*>(bytes.data() + offset);

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <new>
 #include <utility>
 
 #include "KCException.h"
@@ -20,6 +21,15 @@ constexpr const char* NOT_READY = "Cloud discovery failed. ";
 [[noreturn]] void terminateProcess(const char* reason) {
   LOG_ERROR("%s", reason);
   std::exit(EXIT_FAILURE);
+}
+
+/// Never throws: a text that there is no memory for is left out, so that the state is set all the same.
+std::string textOf(const std::exception& failure) noexcept {
+  try {
+    return failure.what();
+  } catch (const std::bad_alloc&) {
+    return "out of memory";
+  }
 }
 
 }  // namespace
@@ -108,7 +118,7 @@ void DiscoverySSOManager::run() {
         waitForSignal(IDLE_PAUSE);
         break;
       case INIT_FAILED:
-        LOG_ERROR("Couldn't initialize the SSO manager: %s. Will try again in 30 seconds", lastFailure().c_str());
+        announceRetry();
         waitForSignal(RETRY_PAUSE);
         reloadIfRequested();
         initialize();  // Kept: once more, even if a stop signal ended the wait.
@@ -117,9 +127,9 @@ void DiscoverySSOManager::run() {
   }
 }
 
-std::string DiscoverySSOManager::lastFailure() {
+void DiscoverySSOManager::announceRetry() {
   const MutexGuard guard(lock);
-  return lastError;
+  LOG_ERROR("Couldn't initialize the SSO manager: %s. Will try again in 30 seconds", lastError.c_str());
 }
 
 /// Only the main thread changes the provider, so it may look at it without the lock.
@@ -142,11 +152,11 @@ void DiscoverySSOManager::initialize() {
   try {
     configure();
   } catch (const std::exception& failure) {
-    reason = failure.what();
+    reason = textOf(failure);
   }
   const MutexGuard guard(lock);
   state = ssoClient && discovery && discovery->hasConfiguration() ? READY : INIT_FAILED;
-  lastError = reason;
+  lastError.swap(reason);
 }
 
 /// Builds both clients, or throws and leaves none.

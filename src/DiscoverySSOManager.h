@@ -75,7 +75,7 @@ class DiscoverySSOManager {
   void configure() EXCLUDES(lock);
   bool useProviderCloudUrl(KeyCertificateProvider& source);
   KeyCertificateProvider* currentProvider() const UNCHECKED_LOCKING;
-  std::string lastFailure() EXCLUDES(lock);
+  void announceRetry() EXCLUDES(lock);
   void release() REQUIRES(lock);
   template <typename Operation>
   std::string serveRequest(const char* refusal, Operation operation) EXCLUDES(lock);

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <string>
 
 #include "DiscoverySSOManager.h"
@@ -16,17 +17,12 @@
 
 namespace {
 
+using namespace velo::ssoService;
+
 constexpr const char* LOG_SOURCE = "DiscoverySSOManager";
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  using namespace velo::ssoService;
-  if (argc < 2) {
-    static_cast<void>(std::fprintf(stderr, "Usage: %s <json_config_file>\n", argc > 0 ? argv[0] : ""));
-    return EXIT_FAILURE;
-  }
-  const std::string configPath = argv[1];
+/// Everything behind the check of the arguments; the exit status.
+int serve(const std::string& configPath) {
   occupyStandardDescriptors();
   takeSignals();
   limitHeap();
@@ -44,4 +40,19 @@ int main(int argc, char** argv) {
   LOG_INFO("SSO Discovery Service terminated");
   manager->shutDown();
   return EXIT_SUCCESS;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) {
+    static_cast<void>(std::fprintf(stderr, "Usage: %s <json_config_file>\n", argc > 0 ? argv[0] : ""));
+    return EXIT_FAILURE;
+  }
+  try {
+    return serve(argv[1]);
+  } catch (const std::exception& reason) {
+    static_cast<void>(std::fprintf(stderr, "%s: %s\n", argv[0], reason.what()));
+    return EXIT_FAILURE;
+  }
 }

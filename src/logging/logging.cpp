@@ -13,8 +13,10 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <string_view>
 
 #include "logging/LineText.h"
+#include "logging/StandardOutput.h"
 #include "util/Descriptor.h"
 #include "util/Mutex.h"
 
@@ -32,6 +34,7 @@ std::atomic<bool> redactsSecrets{false};
 struct LogState {
   Mutex lock;
   std::FILE* stream GUARDED_BY(lock) = nullptr;  ///< null: the next message selects standard output
+  StandardOutput standardOutput GUARDED_BY(lock);
   std::string prefix GUARDED_BY(lock);
   std::string fileName GUARDED_BY(lock);  ///< empty: none
   bool timestamps GUARDED_BY(lock) = false;
@@ -91,13 +94,20 @@ void setRotationStart(LogState& log) REQUIRES(log.lock) {
   log.rotateAt = log.openedAt + SECONDS_PER_HOUR * log.rotationHours;
 }
 
+/// Puts a text out, in a file's case into the stream's buffer.
+void put(LogState& log, std::string_view text) REQUIRES(log.lock) {
+  if (log.stream == stdout) {
+    log.standardOutput.write(text);
+  } else {
+    static_cast<void>(std::fwrite(text.data(), 1, text.size(), log.stream));
+  }
+}
+
 int closeLocked(LogState& log) REQUIRES(log.lock) {
   int result = 0;
   if (log.stream != nullptr) {
-    static_cast<void>(std::fprintf(log.stream, "LOG END %s", dateText(log).c_str()));
-    if (log.stream == stdout) {
-      static_cast<void>(std::fflush(stdout));
-    } else {
+    put(log, "LOG END " + dateText(log));
+    if (log.stream != stdout) {
       result = std::fclose(log.stream);
       if (result != 0) {
         std::perror(" Couldn't close log file \n");
@@ -140,7 +150,7 @@ int openLocked(LogState& log) REQUIRES(log.lock) {
   }
   log.openedAt = std::time(nullptr);
   setRotationStart(log);
-  static_cast<void>(std::fprintf(log.stream, "LOG START %s\n", dateText(log).c_str()));
+  put(log, "LOG START " + dateText(log) + "\n");
   static_cast<void>(std::fflush(log.stream));
   log.lineCount = 0;
   return result;
@@ -233,10 +243,10 @@ std::size_t formatLine(char* buffer, std::size_t capacity, const LineHead& head,
   return text.length();
 }
 
-void writeLine(std::FILE* stream, const LineHead& head, const char* format, va_list arguments)
+void writeLine(LogState& log, const LineHead& head, const char* format, va_list arguments) REQUIRES(log.lock)
     __attribute__((format(printf, 3, 0)));
 
-void writeLine(std::FILE* stream, const LineHead& head, const char* format, va_list arguments) {
+void writeLine(LogState& log, const LineHead& head, const char* format, va_list arguments) {
   char shortLine[USUAL_LINE_BYTES];
   char* line = shortLine;
   std::unique_ptr<char[]> longLine;
@@ -253,8 +263,8 @@ void writeLine(std::FILE* stream, const LineHead& head, const char* format, va_l
     }
   }
   va_end(again);
-  static_cast<void>(std::fwrite(line, 1, length, stream));
-  static_cast<void>(std::fflush(stream));
+  put(log, {line, length});
+  static_cast<void>(std::fflush(log.stream));
 }
 
 }  // namespace
@@ -271,7 +281,7 @@ void log_message(const char* file, int line, int level, const char* format, ...)
   }
   va_list arguments;
   va_start(arguments, format);
-  writeLine(log.stream, makeHead(log, file, line), format, arguments);
+  writeLine(log, makeHead(log, file, line), format, arguments);
   va_end(arguments);
   if (++log.lineCount == LINES_BETWEEN_SIZE_CHECKS) {
     checkSizeLocked(log);

@@ -1,0 +1,135 @@
+// A log on standard output whose other side does not read.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include "logging/StandardOutput.h"
+#include "support/ChildProcess.h"
+#include "util/Descriptor.h"
+
+namespace test {
+namespace {
+
+using namespace std::chrono_literals;
+using std::chrono::steady_clock;
+using velo::ssoService::Descriptor;
+
+constexpr int PIPE_BYTES = 16384;
+
+/// A pipe in the place of standard output. For a child.
+class Pipe {
+ public:
+  Pipe() {
+    int ends[2] = {Descriptor::NONE, Descriptor::NONE};
+    EXPECT_EQ(::pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+    reading.reset(ends[0]);
+    const Descriptor writing(ends[1]);
+    ::fcntl(writing.get(), F_SETPIPE_SZ, PIPE_BYTES);
+    ::fcntl(writing.get(), F_SETFL, 0);
+    ::dup2(writing.get(), STDOUT_FILENO);
+  }
+
+  std::string take() const {
+    std::string taken;
+    char chunk[4096];
+    for (ssize_t count = 0; (count = ::read(reading.get(), chunk, sizeof chunk)) > 0;) {
+      taken.append(chunk, static_cast<std::size_t>(count));
+    }
+    return taken;
+  }
+
+  void close() { reading.reset(); }
+
+ private:
+  Descriptor reading;
+};
+
+std::chrono::milliseconds timeOf(const std::function<void()>& action) {
+  const auto begin = steady_clock::now();
+  action();
+  return std::chrono::duration_cast<std::chrono::milliseconds>(steady_clock::now() - begin);
+}
+
+TEST(StandardOutputTest, TextsOfEveryLengthAreWrittenAsTheyAre) {
+  EXPECT_EQ(runInChild([] {
+              const Pipe pipe;
+              StandardOutput output;
+              for (const std::size_t length : {0U, 1U, 4095U, 4096U, 4097U, 12288U}) {
+                output.write(std::string(length, 'x'));
+                EXPECT_EQ(pipe.take(), std::string(length, 'x')) << length;
+              }
+            }),
+            0);
+}
+
+TEST(StandardOutputTest, FullPipeIsWaitedForThenWhatComesIsDroppedAtOnceAndCounted) {
+  EXPECT_EQ(runInChild([] {
+              const Pipe pipe;
+              StandardOutput output;
+              const std::string line = std::string(4095, 'x') + "\n";
+              const std::string full = line + line + line + line;
+              output.write(full);
+              const auto first = timeOf([&] { output.write("first\n"); });
+              EXPECT_GE(first, 5s);
+              EXPECT_LT(first, 30s);
+              EXPECT_LT(timeOf([&] { output.write("second\n"); }), 3s);
+              EXPECT_EQ(pipe.take(), full);
+              output.write("third\n");
+              output.write("fourth\n");
+              EXPECT_EQ(pipe.take(), "LOG LOST 2 lines\nthird\nfourth\n");
+            }),
+            0);
+}
+
+TEST(StandardOutputTest, TextThatIsCutGetsALineEnd) {
+  EXPECT_EQ(runInChild([] {
+              const Pipe pipe;
+              StandardOutput output;
+              output.write(std::string(PIPE_BYTES + 1, 'x'));
+              EXPECT_EQ(pipe.take(), std::string(PIPE_BYTES, 'x'));
+              output.write("next\n");
+              EXPECT_EQ(pipe.take(), "\nLOG LOST 1 lines\nnext\n");
+            }),
+            0);
+}
+
+TEST(StandardOutputTest, SlowReaderGetsEverything) {
+  EXPECT_EQ(runInChild([] {
+              const Pipe pipe;
+              StandardOutput output;
+              const std::string text(200000, 'x');
+              std::thread writer([&] { output.write(text); });
+              std::string taken;
+              while (taken.size() < text.size()) {
+                std::this_thread::sleep_for(5ms);
+                taken += pipe.take();
+              }
+              writer.join();
+              EXPECT_TRUE(taken == text);
+            }),
+            0);
+}
+
+TEST(StandardOutputTest, WithoutAReaderNothingIsWaitedFor) {
+  EXPECT_EQ(runInChild([] {
+              ::signal(SIGPIPE, SIG_IGN);
+              Pipe pipe;
+              pipe.close();
+              StandardOutput output;
+              EXPECT_LT(timeOf([&] { output.write("text\n"); }), 3s);
+              ::close(STDOUT_FILENO);
+              EXPECT_LT(timeOf([&] { output.write("text\n"); }), 3s);
+            }),
+            0);
+}
+
+}  // namespace
+}  // namespace test
