@@ -3,9 +3,11 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <csignal>
 
 #include "Discovery.h"
 #include "logging/logging.h"
+#include "support/ChildProcess.h"
 #include "support/EncryptedDiscovery.h"
 #include "support/HttpServer.h"
 #include "support/LogCapture.h"
@@ -14,6 +16,7 @@
 #include "support/ScriptedProvider.h"
 #include "support/Thrown.h"
 #include "util/HttpExchange.h"
+#include "util/Signals.h"
 
 namespace test {
 namespace {
@@ -385,6 +388,16 @@ TEST_F(DiscoveryDecryptionTest, Levels) {
     provider.privateKeySource = [&row] { return row.key; };
     EXPECT_TRUE(isLoggedAt(row.level, "Discovery: " + row.message, [&] { discovery.retrieveConfiguration(); }));
   }
+}
+
+TEST_F(DiscoveryDecryptionTest, StopEndsItBetweenTwoBlocks) {
+  answerBlocks({"{}", "{}"});
+  EXPECT_EQ(runInChild([this] {
+              velo::ssoService::takeSignals();
+              ::raise(SIGTERM);
+              EXPECT_EQ(failure(), "Decrypting Discovery Request was ended by a stop");
+            }),
+            0);
 }
 
 }  // namespace
