@@ -105,7 +105,9 @@ void DiscoverySSOManager::run() {
     if (stopRequested != 0) {
       return;
     }
-    reloadIfRequested();
+    if (reloadIfRequested()) {
+      continue;
+    }
     switch (state) {
       case CONFIG_FAILED:
         terminateProcess("Couldn't create SSO Manager. Config failure. Terminating");

@@ -81,7 +81,7 @@ class DiscoverySSOManager {
   std::string serveRequest(const char* refusal, Operation operation) EXCLUDES(lock);
 
   // A new key and certificate: ManagerReload.cpp
-  void reloadIfRequested() EXCLUDES(lock);
+  bool reloadIfRequested() EXCLUDES(lock);
   std::unique_ptr<KeyCertificateProvider> loadAgain() const;
   bool lockUnlessStopped() SSO_THREAD_SAFETY(try_acquire_capability(true, lock));
 

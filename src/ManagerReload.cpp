@@ -37,10 +37,13 @@ std::string load(KeyCertificateProvider& source) {
 
 }  // namespace
 
-void DiscoverySSOManager::reloadIfRequested() {
-  if (reloadRequested.exchange(0) != 0 && stopRequested == 0) {
-    reload();
+/// Whether there was a request; it may have taken a while.
+bool DiscoverySSOManager::reloadIfRequested() {
+  if (stopRequested != 0 || reloadRequested.exchange(0) == 0) {
+    return false;
   }
+  reload();
+  return true;
 }
 
 void DiscoverySSOManager::reload() {
@@ -54,6 +57,7 @@ void DiscoverySSOManager::reload() {
   if (!lockUnlessStopped()) {
     return;
   }
+  state = RESET_REQUESTED;
   discovery.reset();
   ssoClient.reset();
   provider.swap(replacement);

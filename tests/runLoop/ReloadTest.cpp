@@ -221,6 +221,35 @@ TEST_F(ReloadTest, LoopReloadsBeforeTheNextAttempt) {
   EXPECT_EQ(script.waits, (Waits{30s, 1s})) << "the wait for the next attempt, then an idle one";
 }
 
+TEST_F(ReloadTest, LoopDoesNotWaitAfterAnAttemptThatFailedBeforeTheReload) {
+  writeKey("garbage");
+  DiscoverySSOManager manager(device.configuration(), "");
+  device.cloud.on(Device::DISCOVERY, [&](const HttpRequest&) {
+    installOther();
+    requestReload();
+    return HttpReply{503, "", {}};
+  });
+  script.onWait = [&](std::size_t) {
+    EXPECT_EQ(manager.getCertificateId(), "device-0002");
+    requestStop();
+  };
+  manager.run();
+  EXPECT_EQ(script.waits, Waits{1s});
+}
+
+TEST_F(ReloadTest, LoopLooksForAStopBetweenTheReloadAndTheNextAttempt) {
+  DiscoverySSOManager manager(device.configuration(), "");
+  script.onWait = [&](std::size_t) { requestReload(); };
+  script.onDelivery = [&](std::size_t before) {
+    if (before == 3) {
+      requestStop();
+    }
+  };
+  manager.run();
+  const std::vector<std::string> lines = log.lines();
+  EXPECT_EQ(lines.back(), readLine("device-0001"));
+}
+
 TEST_F(ReloadTest, LoopReloadsOnceForARequest) {
   DiscoverySSOManager manager(device.configuration(), "");
   script.onWait = [&](std::size_t before) { before == 0 ? requestReload() : requestStop(); };
