@@ -1,6 +1,7 @@
 #include "Discovery.h"
 
 #include <algorithm>
+#include <chrono>
 
 #include "KCException.h"
 #include "SsoException.h"
@@ -18,6 +19,7 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "Discovery";
 constexpr long HTTP_TIMEOUT_SECONDS = 30;
+constexpr std::chrono::seconds STOP_GRACE{1};  // for a decryption, which takes ten times as long at worst
 
 /// Logs why the JSON of a reply could not be used, and gives the exception that says so.
 SsoException unusableJson(const std::exception& reason) {
@@ -141,8 +143,9 @@ void Discovery::decryptData(const std::string& data) {
     throw KCException("Decrypting Discovery Request Failed - No private key provided");
   }
   LOG_DEBUG("Decrypting Discovery Request: %d size", static_cast<int>(bytes.size()));
+  const auto graceEnd = std::chrono::steady_clock::now() + STOP_GRACE;
   for (std::size_t offset = 0; offset < bytes.size(); offset += DISCOVERY_RSA_BLOCK_SIZE) {
-    if (isStopPending()) {  // a long reply takes seconds
+    if (std::chrono::steady_clock::now() >= graceEnd && isStopPending()) {
       throw SsoException("Decrypting Discovery Request was ended by a stop");
     }
     LOG_VERBOSE("string offset : %d", static_cast<int>(offset));

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 
 #include "Discovery.h"
@@ -390,12 +391,28 @@ TEST_F(DiscoveryDecryptionTest, Levels) {
   }
 }
 
-TEST_F(DiscoveryDecryptionTest, StopEndsItBetweenTwoBlocks) {
-  answerBlocks({"{}", "{}"});
+TEST_F(DiscoveryDecryptionTest, StopEndsItAfterASecond) {
+  std::string bytes = encryptBlocks({"x"}, deviceIdentity().certificate);
+  while (bytes.size() < 1024 * 1024) {
+    bytes += bytes;
+  }
+  answerBytes(bytes);
   EXPECT_EQ(runInChild([this] {
               velo::ssoService::takeSignals();
               ::raise(SIGTERM);
+              const auto begin = std::chrono::steady_clock::now();
               EXPECT_EQ(failure(), "Decrypting Discovery Request was ended by a stop");
+              EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
+            }),
+            0);
+}
+
+TEST_F(DiscoveryDecryptionTest, StopDoesNotEndAShortOne) {
+  answerPayload(discoveryPayload(WELL_KNOWN));
+  EXPECT_EQ(runInChild([this] {
+              velo::ssoService::takeSignals();
+              ::raise(SIGTERM);
+              EXPECT_EQ(failure(), "nothing");
             }),
             0);
 }
