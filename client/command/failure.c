@@ -27,6 +27,6 @@ _Noreturn void fail(enum exit_status status, const char* format, ...) {
   if (length >= 0) {
     hide_control_characters(message);
   }
-  fprintf(stderr, "sso-client: %s\n", length >= 0 ? message : "out of memory");
+  (void)fprintf(stderr, "sso-client: %s\n", length >= 0 ? message : "out of memory");
   exit((int)status);
 }

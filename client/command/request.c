@@ -53,11 +53,11 @@ static void print_json_string(const char* text) {
 }
 
 static void print_json(const struct request* request, const char* text) {
-  fputs("{\"status\":\"ok\"", stdout);
+  (void)fputs("{\"status\":\"ok\"", stdout);
   if (request->result_key) {
     printf(",\"%s\":", request->result_key);
     if (request == &requests[DATA]) {
-      fputs(text, stdout);
+      (void)fputs(text, stdout);
     } else {
       print_json_string(text);
     }

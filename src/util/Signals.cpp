@@ -39,6 +39,11 @@ void deliver(int descriptor, void (*handler)(int)) {
   }
 }
 
+/// std::signal; it fails only for a number that is no signal's.
+void handle(int signo, void (*handler)(int)) {
+  static_cast<void>(std::signal(signo, handler));
+}
+
 }  // namespace
 
 std::atomic<int> stopRequested{0};
@@ -64,11 +69,11 @@ void takeSignals() {
   sigaddset(&reloadSignals, SIGHUP);
   stopDescriptor = blockSignals(stopSignals);
   reloadDescriptor = blockSignals(reloadSignals);
-  std::signal(SIGTERM, onStopSignal);
-  std::signal(SIGINT, onStopSignal);
-  std::signal(SIGHUP, onReloadSignal);
-  std::signal(SIGPIPE, SIG_IGN);
-  std::signal(SIGXFSZ, SIG_IGN);
+  handle(SIGTERM, onStopSignal);
+  handle(SIGINT, onStopSignal);
+  handle(SIGHUP, onReloadSignal);
+  handle(SIGPIPE, SIG_IGN);
+  handle(SIGXFSZ, SIG_IGN);
 }
 
 void deliverSignals() {
