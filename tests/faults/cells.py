@@ -9,8 +9,10 @@ import pytest
 from support.exchanges import ID_REPLY
 from support.log import Line
 from support.service import RETRY
+from support.waiting import DEADLINE_SECONDS
 
 READY = "ready"  # the certificate id is given
+STARTING = "not ready yet"  # requests are refused, and no attempt has failed
 RETRYING = "tries again"  # requests are refused, and the log announces the next attempt
 ENDED = "ended"  # the process is gone
 
@@ -55,20 +57,24 @@ class Judge:
         self._cell = cell
         self._open = {"log", "reply", "state", "files", "status"}
 
-    def log(self, service, since=0, **values):
-        """Waits for the lines, one after the other."""
+    def log(self, service, since=0, patience=DEADLINE_SECONDS, **values):
+        """Waits for the lines, one after the other, and returns their entries."""
+        found = []
         for line in self._cell.log:
             pattern = re.compile(_filled(line.text, values), re.S)
-            entry = service.log.wait_for(line.source, pattern, since)
+            entry = service.log.wait_for(line.source, pattern, since, patience)
             since = service.log.entries().index(entry, since) + 1
+            found.append(entry)
         self._done("log")
+        return found
 
     def reply(self, reply, **values):
         """The reply is bytes or, when there is no client, None."""
         if self._cell.reply is None:
             assert reply is None
         else:
-            assert re.fullmatch(_filled(self._cell.reply, values), reply.decode(), re.S), reply
+            pattern = re.compile(_filled(self._cell.reply, values), re.S)
+            assert pattern.fullmatch(reply.decode(errors="surrogateescape")), f"{reply} does not match {pattern}"
         self._done("reply")
 
     def state(self, service):
@@ -78,8 +84,8 @@ class Judge:
         elif state == READY:
             assert service.api.exchange(b'{"request":"certificate_id"}') == ID_REPLY, service.evidence()
         else:
-            assert state == RETRYING
-            assert any(RETRY.fullmatch(entry.text) for entry in service.log.entries()), service.evidence()
+            failed = any(RETRY.fullmatch(entry.text) for entry in service.log.entries())
+            assert state == (RETRYING if failed else STARTING), service.evidence()
             refused = service.api.request("certificate_id")["message"]
             assert refused.startswith("Cloud discovery failed. System is not initialized"), refused
         self._done("state")

@@ -13,6 +13,17 @@ pytest.register_assert_rewrite("cells")
 @pytest.fixture
 def judge(cell):
     from cells import Judge  # only now is the path to its imports there
-    result = Judge(cell)
-    yield result
-    result.finish()
+    return Judge(cell)
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_pyfunc_call(pyfuncitem):
+    outcome = yield
+    outcome.get_result()  # a test that has failed has left out something anyway
+    if "judge" in pyfuncitem.funcargs:
+        pyfuncitem.funcargs["judge"].finish()
+
+
+def pytest_collection_modifyitems(items):
+    """Those that wait for half a minute first, so that several processes share them out and never wait for one."""
+    items.sort(key=lambda item: item.get_closest_marker("slow") is None)

@@ -5,16 +5,15 @@ import struct
 
 import pytest
 
-from support.exchanges import ID_REPLY, ID_REQUEST, INVALID_REQUEST, NOT_AN_OBJECT, expect_answered
+from support.exchanges import EMPTY_REQUEST, ID_REPLY, ID_REQUEST, NOT_AN_OBJECT, expect_answered
 from support.framing import frame
 from support.log import error
-from support.texts import ACCEPTED, API, request_processed, size_known
+from support.texts import ACCEPTED, API, size_known
 from support.waiting import wait_until
 
 CLOSED = error(API, "SSO API connection closed while reading request")
 LENGTH_UNREAD = error(API, "SSO API request read failed, read 4 bytes - message length")
 WRITE_FAILED = error(API, "SSO API write failed")
-EMPTY_REQUEST = [*request_processed(""), INVALID_REQUEST]  # what a request becomes that could not be read
 
 
 def payload_unread(count, length):

@@ -48,6 +48,13 @@ def test_right_assertion_has_no_faults(device):
     assert faults(device, signed(device.key, claims_with())) == []
 
 
+@pytest.mark.parametrize("ahead, faulty", [(0, False), (30, False), (-30, True), (3600, True), (-3600, True)])
+def test_assertion_is_judged_by_the_clock_that_made_it(device, ahead, faulty):
+    token = signed(device.key, claims_with())
+    judged = faults_of_assertion(token, device.public_key, "device-0001", "http://there/token", time.time() + ahead)
+    assert bool(judged) == faulty
+
+
 @pytest.mark.parametrize("changes", [
     {"iss": "other"}, {"sub": "other"}, {"aud": "http://here/token"}, {"aud": ["http://there/token"]}, {"more": 1},
     {"jti": REMOVED}, {"jti": "01234567-89AB-4cde-8f01-23456789abcd"}, {"jti": "01234567-89ab-1cde-8f01-23456789abcd"},

@@ -14,9 +14,10 @@ from .waiting import DEADLINE_SECONDS
 class Connection:
     """One connection, used byte by byte."""
 
-    def __init__(self, port, small_buffers=False):
+    def __init__(self, port, small_buffers=False, patience=DEADLINE_SECONDS):
+        self._patience = patience
         self._socket = socket.socket()
-        self._socket.settimeout(DEADLINE_SECONDS)
+        self._socket.settimeout(patience)
         if small_buffers:  # so that the other side cannot leave a long reply with the kernel and go on
             self._socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 2048)
             self._socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_MAXSEG, 536)
@@ -56,7 +57,7 @@ class Connection:
         except TimeoutError:
             return True
         finally:
-            self._socket.settimeout(DEADLINE_SECONDS)
+            self._socket.settimeout(self._patience)
 
     def receive(self, count):
         data = b""
@@ -83,11 +84,12 @@ class Connection:
 class ApiClient:
     """Well-behaved requests to one port, one connection each."""
 
-    def __init__(self, port):
+    def __init__(self, port, patience=DEADLINE_SECONDS):
         self.port = port
+        self._patience = patience
 
     def connect(self, small_buffers=False):
-        return Connection(self.port, small_buffers)
+        return Connection(self.port, small_buffers, self._patience)
 
     def exchange(self, payload):
         """Send one request, given as text or bytes; return the reply's payload as it came."""

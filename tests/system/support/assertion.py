@@ -33,10 +33,11 @@ def signature_holds(token, public_key):
     return True
 
 
-def faults_of_assertion(token, public_key, client_id, audience):
-    """Everything that is wrong with a client assertion, as a list of sentences; empty when it is right."""
+def faults_of_assertion(token, public_key, client_id, audience, now=None):
+    """Everything that is wrong with a client assertion, as a list of sentences; empty when it is right. The time is
+    the device's, when that is another one than here."""
     header, claims = decode(token)
-    now = time.time()
+    now = time.time() if now is None else now
     tests = [
         (signature_holds(token, public_key), "the signature does not hold"),
         (header == {"alg": "RS256", "typ": "JWT"}, f"header {header}"),

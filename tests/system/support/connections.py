@@ -3,7 +3,7 @@
 import socket
 import threading
 
-from .ports import LOOPBACK
+from .ports import LOOPBACK, ReservedPort
 
 
 class ConnectionServer:
@@ -11,23 +11,33 @@ class ConnectionServer:
 
     def __init__(self):
         self._closing = threading.Event()
-        self._listener = socket.create_server((LOOPBACK, 0), backlog=64)
-        self.port = self._listener.getsockname()[1]
-        threading.Thread(target=self._accept, daemon=True).start()
+        self._reserved = ReservedPort()
+        self.port = self._reserved.number
+        self.listen()
 
-    def close(self):
-        """Let go of connections that are held as well. May be called again."""
-        self._closing.set()
+    def listen(self):
+        """Once more, after refuse()."""
+        self._listener = socket.create_server((LOOPBACK, self.port), backlog=64)
+        threading.Thread(target=self._accept, args=(self._listener,), daemon=True).start()
+
+    def refuse(self):
+        """Refuse new connections; nobody else is given the port."""
         try:
             self._listener.shutdown(socket.SHUT_RDWR)
         except OSError:
             pass  # closed before
         self._listener.close()
 
-    def _accept(self):
+    def close(self):
+        """Let go of connections that are held as well. May be called again."""
+        self._closing.set()
+        self.refuse()
+        self._reserved.close()
+
+    def _accept(self, listener):
         while not self._closing.is_set():
             try:
-                connection, _ = self._listener.accept()
+                connection, _ = listener.accept()
             except OSError:
                 return
             threading.Thread(target=self._serve, args=(connection,), daemon=True).start()
@@ -40,3 +50,22 @@ class ConnectionServer:
                 self._converse(connection)
             except (OSError, EOFError):
                 pass  # the client left first; what it asked is on record
+
+
+class DeafListener:
+    """Lets nobody in: clients wait in its queue or, once that is full, are neither let into it nor refused."""
+
+    def __init__(self, port=0, full=False):
+        self._listener = socket.create_server((LOOPBACK, port), backlog=0 if full else 16)
+        self.port = self._listener.getsockname()[1]
+        self._waiting = [self._waiting_client() for _ in range(4 if full else 0)]
+
+    def close(self):
+        for each in [self._listener, *self._waiting]:
+            each.close()
+
+    def _waiting_client(self):
+        client = socket.socket()
+        client.setblocking(False)
+        client.connect_ex((LOOPBACK, self.port))
+        return client

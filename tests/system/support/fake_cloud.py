@@ -4,6 +4,7 @@ import base64
 import json
 import re
 import threading
+import time
 
 from .assertion import decode, faults_of_assertion
 from .http_server import Gate, HttpServer, Reply
@@ -21,20 +22,26 @@ class FakeCloud:
     """Answers everything rightly unless a path is scripted, and judges each assertion that it is sent."""
 
     def __init__(self, device):
-        self.device = device
         self.expires_in = 3600
+        self.now = time.time  # the device's clock
         self.faults = []  # what was wrong with the assertions
         self._identifiers = set()
         self._scripts = {}
         self._tokens = 0
         self._lock = threading.Lock()
-        self._server = HttpServer(self._answer)
+        self._server = HttpServer(self.answer)
+        self.refuse, self.listen = self._server.refuse, self._server.listen
         self.url = f"http://{LOOPBACK}:{self._server.port}"
-        self.discovery_path = "/devices/" + device.id
+        self.know(device)
         self.discovery_url = self.url + "/devices/"
         self.well_known_url = self.url + WELL_KNOWN_PATH
         self.token_endpoint = self.url + TOKEN_PATH
         self.well_known_in_payload = self.well_known_url
+
+    def know(self, device):
+        """From now on this is the device: the cloud encrypts to it and judges by it."""
+        self.device = device
+        self.discovery_path = "/devices/" + device.id
 
     def close(self):
         self._server.close()
@@ -79,7 +86,7 @@ class FakeCloud:
             return self._token_reply()
         return Reply(404)
 
-    def _answer(self, request):
+    def answer(self, request):
         if request.target == TOKEN_PATH:
             self._judge(request)
         with self._lock:
@@ -100,7 +107,8 @@ class FakeCloud:
             return
         assertion = form.group(2)
         try:
-            self.faults += faults_of_assertion(assertion, self.device.public_key, self.device.id, self.token_endpoint)
+            self.faults += faults_of_assertion(assertion, self.device.public_key, self.device.id, self.token_endpoint,
+                                               self.now())
             identifier = decode(assertion)[1].get("jti")
         except (AssertionError, ValueError) as error:
             self.faults.append(str(error))

@@ -99,4 +99,4 @@ def seconds_between(earlier, later):
 
 
 def _matches(text, entry):
-    return text.fullmatch(entry.text) if isinstance(text, re.Pattern) else text == entry.text
+    return bool(text.fullmatch(entry.text)) if isinstance(text, re.Pattern) else text == entry.text

@@ -32,6 +32,12 @@ def without_leak_check():
     return {"ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0"}
 
 
+def without_quarantine():
+    """For a process whose memory is measured: the address sanitizer would keep what is freed for a while."""
+    none = ":quarantine_size_mb=0:thread_local_quarantine_size_kb=0"
+    return {"ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + none}
+
+
 class Service:
     def __init__(self, executable, folder, document, *, environment=None, arguments=(), wrapper=(), stdin=None,
                  log_file=None):
@@ -131,8 +137,15 @@ class Service:
 
     # --- looking at the process
 
+    def threads(self):
+        return os.listdir(f"/proc/{self.process.pid}/task")
+
     def open_descriptors(self):
         return sorted(int(name) for name in os.listdir(f"/proc/{self.process.pid}/fd"))
+
+    def open_sockets(self):
+        folder = f"/proc/{self.process.pid}/fd"
+        return [name for name in os.listdir(folder) if os.readlink(f"{folder}/{name}").startswith("socket:")]
 
     @contextlib.contextmanager
     def descriptors_limited_to(self, count):
@@ -150,8 +163,14 @@ class Service:
         return next(number for number in range(len(used) + 1) if number not in used)
 
     def peak_memory_kilobytes(self):
+        return self._status_kilobytes("VmHWM")
+
+    def resident_memory_kilobytes(self):
+        return self._status_kilobytes("VmRSS")
+
+    def _status_kilobytes(self, name):
         with open(f"/proc/{self.process.pid}/status") as status:
-            return int(re.search(r"VmHWM:\s+(\d+) kB", status.read()).group(1))
+            return int(re.search(rf"{name}:\s+(\d+) kB", status.read()).group(1))
 
     def evidence(self):
         return (f"status {self.process.poll()}, stderr {self.stderr_path.read_text(errors='replace')[-3000:]!r}, "

@@ -133,6 +133,44 @@ def retrying(reason):
     return error(MANAGER, f"Couldn't initialize the SSO manager: {reason}. Will try again in 30 seconds")
 
 
+RELOAD = info(MANAGER, "Received RELOAD signal")
+READING_AGAIN = info(MANAGER, "Reading the key and the certificate again")
+PAIR_MISMATCH = warning(MANAGER, "The private key does not belong to the certificate")
+
+
+def pair_read(device_id):
+    return info(MANAGER, f"The key and the certificate of {device_id} are read. Starting over with them")
+
+
+def pair_kept(reason):
+    return error(MANAGER, f"Couldn't read the key and the certificate again: {reason}. The old ones stay in use")
+
+
+def reloaded(cloud, *between):
+    """The whole of a reload when all goes well; `between` comes from reading the key and the certificate."""
+    return [RELOAD, READING_AGAIN, *between, READING_ID, pair_read(cloud.device.id), *retried(cloud),
+            *good_reply(cloud), READY]
+
+
+NO_ID = "Cannot retrieve certificate id. Not found"
+NO_KEY = "Decrypting Discovery Request Failed - No private key provided"
+BOTH_FAILED = "Couldn't retrieve cloud configure from the cloud and the backup file"
+UNREACHABLE = "Orvex Key Certificate socket couldn't be open"
+CUT_OFF = "Orvex connection closed before all data read"
+
+
+def key_service_asked(word):
+    return debug(ORVEX, f"Orvex Key Certificate request sent {len(word)} bytes")
+
+
+def key_service_announced(count):
+    return debug(ORVEX, f"SSO API request message size: {count}")
+
+
+def key_service_received(count):
+    return debug(ORVEX, f"Total bytes read {count}")
+
+
 ACCEPTED = info(API, "SSO API server accepted the client")
 
 
@@ -148,6 +186,14 @@ def request_received(text, size=None):
 
 def request_processed(text):
     return [info(API, f"SSO API Client request {text}"), info(API, f"Processing request {text}")]
+
+
+def not_sent_in_time(seconds):
+    return error(API, f"SSO API client has not sent its request in {seconds} seconds")
+
+
+def not_taken_in_time(seconds):
+    return error(API, f"SSO API client has not taken its reply in {seconds} seconds")
 
 
 def looking_up(url):

@@ -15,6 +15,7 @@ class World:
         self._services = []
         self._clouds = []
         self._key_services = []
+        self._others = []
         self._ports = []
 
     def new_folder(self, name):
@@ -37,6 +38,11 @@ class World:
         self._key_services.append(FakeKeyService(device or self.device))
         return self._key_services[-1]
 
+    def closing(self, server):
+        """A server that a test has made itself is closed with the rest."""
+        self._others.append(server)
+        return server
+
     def document(self, url, provider=None, ports=None, **more):
         """A good configuration: the device's files and one API port unless told otherwise."""
         return configuration(url, provider or file_provider(self.device),
@@ -52,7 +58,7 @@ class World:
 
     def close(self):
         """Clouds and key services first: whoever is held up by them comes free."""
-        for other in [*self._clouds, *self._key_services]:
+        for other in [*self._clouds, *self._key_services, *self._others]:
             other.close()
         failures = []
         for service in self._services:
