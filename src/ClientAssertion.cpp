@@ -23,6 +23,7 @@ constexpr std::chrono::minutes ASSERTION_LIFETIME{5};
 }  // namespace
 
 std::string SsoClient::createAuthenticationIdToken() {
+  const StackWiper wiper;
   const std::string publicKey = keyCertificateProvider->getPublicKey(false);
   const SecretText privateKey(keyCertificateProvider->getPrivateKey(false));
   // Kept: one key text alone that is too short is left to the JWT library.

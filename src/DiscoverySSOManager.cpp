@@ -105,7 +105,7 @@ void DiscoverySSOManager::run() {
     if (stopRequested != 0) {
       return;
     }
-    if (reloadIfRequested()) {
+    if (reloadIfRequested() && isStopPending()) {
       continue;
     }
     switch (state) {

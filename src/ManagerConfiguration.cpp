@@ -80,7 +80,7 @@ std::chrono::milliseconds readClientTimeout(const json::jobject& entry) {
     LOG_ERROR("Configuration file: sso.api_providers client_timeout_seconds is no number from 0.001 to 1000000");
     return std::chrono::milliseconds::zero();
   }
-  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::duration<double>(seconds));
+  return std::chrono::round<std::chrono::milliseconds>(std::chrono::duration<double>(seconds));
 }
 
 /// What the thread of an API provider runs.

@@ -25,21 +25,23 @@ std::string load(KeyCertificateProvider& source) {
   const ErrorQueueCleaner cleaner;
   const SecretText privateKey(source.getPrivateKey(true));
   const KeyOwner key = readPrivateKey(privateKey.get());
-  if (!key || EVP_PKEY_base_id(key.get()) != EVP_PKEY_RSA) {
-    throw KCException("The private key is no RSA key that can be read");
+  if (!key || EVP_PKEY_base_id(key.get()) != EVP_PKEY_RSA ||
+      EVP_PKEY_size(key.get()) != int{Discovery::DISCOVERY_RSA_BLOCK_SIZE}) {
+    throw KCException("The private key is no RSA key of 2048 bits that can be read");
   }
-  const X509Owner certificate = readCertificate(source.getCertificate(true));
-  if (certificate && X509_check_private_key(certificate.get(), key.get()) != 1) {
-    LOG_WARNING("The private key does not belong to the certificate");
+  const std::string id = source.getCertificateId(true);
+  const X509Owner certificate = readCertificate(source.getCertificate(false));
+  if (X509_check_private_key(certificate.get(), key.get()) != 1) {
+    throw KCException("The private key does not belong to the certificate");
   }
-  return source.getCertificateId(false);
+  return id;
 }
 
 }  // namespace
 
 /// Whether there was a request; it may have taken a while.
 bool DiscoverySSOManager::reloadIfRequested() {
-  if (stopRequested != 0 || reloadRequested.exchange(0) == 0) {
+  if (state == CONFIG_FAILED || stopRequested != 0 || reloadRequested.exchange(0) == 0) {
     return false;
   }
   reload();

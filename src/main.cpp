@@ -2,7 +2,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
 #include <string>
 
 #include "DiscoverySSOManager.h"
@@ -17,12 +16,17 @@
 
 namespace {
 
-using namespace velo::ssoService;
-
 constexpr const char* LOG_SOURCE = "DiscoverySSOManager";
 
-/// Everything behind the check of the arguments; the exit status.
-int serve(const std::string& configPath) {
+}  // namespace
+
+int main(int argc, char** argv) {
+  using namespace velo::ssoService;
+  if (argc < 2) {
+    static_cast<void>(std::fprintf(stderr, "Usage: %s <json_config_file>\n", argc > 0 ? argv[0] : ""));
+    return EXIT_FAILURE;
+  }
+  const std::string configPath = argv[1];
   occupyStandardDescriptors();
   takeSignals();
   limitHeap();
@@ -40,19 +44,4 @@ int serve(const std::string& configPath) {
   LOG_INFO("SSO Discovery Service terminated");
   manager->shutDown();
   return EXIT_SUCCESS;
-}
-
-}  // namespace
-
-int main(int argc, char** argv) {
-  if (argc < 2) {
-    static_cast<void>(std::fprintf(stderr, "Usage: %s <json_config_file>\n", argc > 0 ? argv[0] : ""));
-    return EXIT_FAILURE;
-  }
-  try {
-    return serve(argv[1]);
-  } catch (const std::exception& reason) {
-    static_cast<void>(std::fprintf(stderr, "%s: %s\n", argv[0], reason.what()));
-    return EXIT_FAILURE;
-  }
 }

@@ -1,13 +1,13 @@
 #include "util/FileText.h"
 
 #include <fcntl.h>
-#include <openssl/crypto.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cstddef>
 
 #include "util/Descriptor.h"
+#include "util/Secrets.h"
 
 namespace velo::ssoService {
 
@@ -17,16 +17,16 @@ bool readWholeFile(const std::string& path, std::string& text) {
   if (!file.isOpen()) {
     return false;
   }
-  char chunk[4096];
+  SecretBytes<4096> chunk;  // a key may pass through
   struct stat status {};
   const bool sizeIsKnown = ::fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode);
   // A text that grows would leave copies of a key behind.
-  text.reserve(std::clamp(sizeIsKnown ? static_cast<std::size_t>(status.st_size) : 0, sizeof chunk, MAX_FILE_BYTES));
+  text.reserve(
+      std::clamp(sizeIsKnown ? static_cast<std::size_t>(status.st_size) : 0, sizeof chunk.bytes, MAX_FILE_BYTES));
   ssize_t count = 0;
-  while (text.size() < MAX_FILE_BYTES && (count = ::read(file.get(), chunk, sizeof chunk)) > 0) {
-    text.append(chunk, static_cast<std::size_t>(count));
+  while (text.size() < MAX_FILE_BYTES && (count = ::read(file.get(), chunk.bytes, sizeof chunk.bytes)) > 0) {
+    text.append(chunk.bytes, static_cast<std::size_t>(count));
   }
-  OPENSSL_cleanse(chunk, sizeof chunk);
   return true;
 }
 

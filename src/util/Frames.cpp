@@ -1,7 +1,6 @@
 #include "util/Frames.h"
 
 #include <arpa/inet.h>
-#include <openssl/crypto.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -60,7 +59,8 @@ FrameReader::~FrameReader() {
 }
 
 Transfer FrameReader::readLength() {
-  char head[FIRST_READ_BYTES];
+  SecretBytes<FIRST_READ_BYTES> first;  // part of a key, perhaps
+  char* const head = first.bytes;
   std::size_t headCount = 0;
   while (headCount < LENGTH_BYTES) {
     std::size_t count = 0;
@@ -75,7 +75,6 @@ Transfer FrameReader::readLength() {
   payload.reserve(
       std::min<std::size_t>(announced, CHUNK_BYTES));  // a text that grows would leave copies of a key behind
   payload.assign(head + LENGTH_BYTES, std::min<std::size_t>(headCount - LENGTH_BYTES, announced));
-  OPENSSL_cleanse(head, sizeof head);
   return Transfer::COMPLETE;
 }
 

@@ -26,6 +26,7 @@ X509Owner readCertificate(const std::string& pem) {
 }
 
 KeyOwner readPrivateKey(const std::string& pem) {
+  const StackWiper wiper;
   const BioOwner bio(BIO_new_mem_buf(pem.c_str(), -1));
   return KeyOwner(bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, refusePassPhrase, nullptr) : nullptr);
 }

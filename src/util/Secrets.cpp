@@ -1,7 +1,6 @@
 #include "util/Secrets.h"
 
 #include <malloc.h>
-#include <openssl/crypto.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -29,7 +28,16 @@ void* moveAndWipe(void* memory, std::size_t size, const char* file, int line) {
   return moved;
 }
 
+/// A function of its own, so that its frame lies where theirs lay.
+__attribute__((noinline)) void wipeStackBelow() {
+  const SecretBytes<32768> below;
+}
+
 }  // namespace
+
+StackWiper::~StackWiper() {
+  wipeStackBelow();
+}
 
 void wipeMemoryOfOpenSsl() {
   CRYPTO_set_mem_functions(allocate, moveAndWipe, wipeAndFree);

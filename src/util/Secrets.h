@@ -1,5 +1,8 @@
 #pragma once
 
+#include <openssl/crypto.h>
+
+#include <cstddef>
 #include <string>
 #include <utility>
 
@@ -11,6 +14,26 @@ void wipe(std::string& text);
 /// From now on OpenSSL overwrites what it frees: it leaves the decoded form of a private key that it reads in memory
 /// otherwise. To be called before any other use of OpenSSL, which would make it void.
 void wipeMemoryOfOpenSsl();
+
+/// Overwrites, when its scope ends, the stack below, where calls that have returned left what they worked with.
+class StackWiper {
+ public:
+  StackWiper() = default;
+  ~StackWiper();
+  StackWiper(const StackWiper&) = delete;
+  StackWiper& operator=(const StackWiper&) = delete;
+};
+
+/// Bytes that are wiped when their scope ends.
+template <std::size_t SIZE>
+struct SecretBytes {
+  SecretBytes() = default;
+  ~SecretBytes() { OPENSSL_cleanse(bytes, SIZE); }
+  SecretBytes(const SecretBytes&) = delete;
+  SecretBytes& operator=(const SecretBytes&) = delete;
+
+  char bytes[SIZE] = {};
+};
 
 /// A secret text of its own that is wiped when its scope ends.
 class SecretText {

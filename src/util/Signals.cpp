@@ -22,8 +22,8 @@ int poll(pollfd* watched, nfds_t count, std::chrono::milliseconds limit) {
   return ::poll(watched, count, static_cast<int>(limit.count()));
 }
 
-/// Blocks the signals and gives the descriptor that they are read from. Without one (-1) they stay open: a handler that
-/// interrupts is better than a process that cannot be told anything.
+/// Blocks the signals and gives the descriptor that they are read from. Without one (-1) they stay open: a stop handler
+/// that interrupts is better than a process that cannot be stopped.
 int blockSignals(const sigset_t& signals) {
   const int descriptor = ::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
   if (descriptor >= 0) {
@@ -71,7 +71,8 @@ void takeSignals() {
   reloadDescriptor = blockSignals(reloadSignals);
   handle(SIGTERM, onStopSignal);
   handle(SIGINT, onStopSignal);
-  handle(SIGHUP, onReloadSignal);
+  // A handler that interrupts could lock the log for good: better no reload than that.
+  handle(SIGHUP, reloadDescriptor >= 0 ? onReloadSignal : SIG_IGN);
   handle(SIGPIPE, SIG_IGN);
   handle(SIGXFSZ, SIG_IGN);
 }

@@ -108,7 +108,7 @@ def stays(fault, change, reason):
          info(MANAGER, "The key and the certificate of device-0001 are read. Starting over with them"), READY),
     stays("vanished before SIGHUP", remove, "Couldn't open key/certificate file {key}"),
     stays("emptied before SIGHUP", clear, " is empty"),
-    stays("overwritten with something else before SIGHUP", spoil, "The private key is no RSA key that can be read"))
+    stays("overwritten with something else before SIGHUP", spoil, "The private key is no RSA key of 2048 bits that can be read"))
 def test_hangup_reads_what_can_be_used(cell, judge, world, cloud, own, other_device):
     service = world.start(world.document(cloud.discovery_url, file_provider(own))).wait_ready()
     assert service.api.token_text() == "access/1"

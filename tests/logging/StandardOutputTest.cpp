@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <functional>
@@ -37,10 +38,11 @@ class Pipe {
     ::dup2(writing.get(), STDOUT_FILENO);
   }
 
-  std::string take() const {
+  /// What is there, about as much as the limit says.
+  std::string take(std::size_t limit = PIPE_BYTES) const {
     std::string taken;
     char chunk[4096];
-    for (ssize_t count = 0; (count = ::read(reading.get(), chunk, sizeof chunk)) > 0;) {
+    for (ssize_t count = 0; taken.size() < limit && (count = ::read(reading.get(), chunk, sizeof chunk)) > 0;) {
       taken.append(chunk, static_cast<std::size_t>(count));
     }
     return taken;
@@ -114,6 +116,26 @@ TEST(StandardOutputTest, SlowReaderGetsEverything) {
               }
               writer.join();
               EXPECT_TRUE(taken == text);
+            }),
+            0);
+}
+
+TEST(StandardOutputTest, ReaderThatIsTooSlowLosesTheRest) {
+  EXPECT_EQ(runInChild([] {
+              const Pipe pipe;
+              std::atomic<bool> isDone{false};
+              std::thread reader([&] {
+                while (!isDone) {
+                  std::this_thread::sleep_for(1s);
+                  pipe.take(4096);
+                }
+              });
+              StandardOutput output;
+              const auto duration = timeOf([&] { output.write(std::string(1000000, 'x')); });
+              EXPECT_GE(duration, 5s);
+              EXPECT_LT(duration, 30s);
+              isDone = true;
+              reader.join();
             }),
             0);
 }

@@ -8,6 +8,7 @@ from concurrent.futures import ThreadPoolExecutor
 import pytest
 
 from support.installed_service import CONFIGURATION, STATE, USER, InstalledService
+from support.node_cloud import MadeDevice
 from support.root import Root, root_folder
 from support.waiting import wait_until
 
@@ -147,6 +148,31 @@ def test_restart(script, action):
     assert len(re.findall("^LOG START", script.log(), re.M)) == 2
 
 
+def test_reload_reads_the_new_pair(script, device, tmp_path):
+    document = json.loads(script.root.path(CONFIGURATION).read_text())
+    document["sso"]["log_level"] = "info"
+    script.root.path(CONFIGURATION).write_text(json.dumps(document))
+    script.call("start")
+    script.wait_ready()
+    process = script.process
+    for identity in (MadeDevice(tmp_path / "other", "device-0002"), device):
+        script.service.take_identity(identity)
+        assert script.call("reload") == (0, "")
+        read = f"The key and the certificate of {identity.id} are read. Starting over with them\n"
+        wait_until(lambda: read in script.log(), script.log)
+    script.wait_ready()
+    assert script.service.ask("token", "telemetry").stdout.startswith("eyJ")
+    assert script.processes() == [process] == [script.process]
+    assert len(re.findall("^LOG START", script.log(), re.M)) == 1
+
+
+def test_reload_of_what_does_not_run_is_refused(script):
+    assert script.call("reload") == (7, f"{NAME} is not running\n")
+    script.call("start")
+    script.kill("KILL")
+    assert script.call("reload") == (7, f"{NAME} is not running\n")
+
+
 def test_rejected_configuration_is_a_failed_start(script):
     script.root.path(CONFIGURATION).write_text("{")
     assert script.call("start") == (1, f"{NAME} has ended: {LOG} says why\n")
@@ -166,8 +192,7 @@ def test_what_is_missing_is_said(script, path, status, message):
 
 
 def test_other_actions_are_refused(script):
-    assert script.call("reload") == (3, f"{NAME} reads its configuration at start only\n")
-    usage = (2, f"Usage: {SCRIPT} {{start|stop|restart|force-reload|status}}\n")
+    usage = (2, f"Usage: {SCRIPT} {{start|stop|restart|reload|force-reload|status}}\n")
     assert script.call("fly") == script.call("") == usage
 
 

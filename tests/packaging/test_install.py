@@ -91,8 +91,8 @@ def test_executable_finds_its_libraries_where_the_device_has_them(tree):
 # --- the paths in the texts
 
 def commands(unit):
-    """The programs that the unit starts, and their arguments that are paths."""
-    for line in re.findall(r"^Exec\w+=-?(.+)$", unit, re.M):
+    """The programs that the unit starts, and their arguments that are paths; a reload takes what every device has."""
+    for line in re.findall(r"^Exec(?!Reload)\w+=-?(.+)$", unit, re.M):
         program, *arguments = line.split()
         yield program
         yield from (argument for argument in arguments if argument.startswith("/"))

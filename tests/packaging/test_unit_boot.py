@@ -181,6 +181,47 @@ def test_starts_at_once_without_the_cloud_and_answers_from_its_cache(ready):
     assert "veloIdConfiguration" in ready.ask("data").stdout
 
 
+# --- reload
+
+def test_reload_reads_the_new_pair(configured, device, url, tmp_path):
+    """In the same process, which stays ready while systemd reloads it."""
+    configured.configure(url, log_level="info")
+    configured.systemctl("start")
+    configured.wait_ready()
+    process = configured.process
+    for identity in (MadeDevice(tmp_path / "other", "device-0002"), device):
+        configured.take(identity, GROUP_MAY_READ)
+        configured.systemctl("reload")
+        configured.wait_journal(f"The key and the certificate of {identity.id} are read. Starting over with them")
+        assert configured.state() == ("active", "running", "success")
+    configured.wait_ready()
+    assert configured.ask("token", "telemetry").stdout.startswith("eyJ")
+    assert configured.process == process
+    assert len(configured.wait_journal("LOG START")) == 1
+
+
+def test_reload_without_a_key_keeps_the_old_one(ready):
+    ready.root.path(f"/etc/{NAME}/device.key").unlink()
+    ready.systemctl("reload")
+    ready.wait_journal(f"Couldn't read the key and the certificate again: Couldn't open key/certificate file "
+                       f"/etc/{NAME}/device.key. The old ones stay in use")
+    assert ready.ask("token", "telemetry").stdout.startswith("eyJ")
+    assert ready.state() == ("active", "running", "success")
+
+
+def test_reload_finds_the_old_copy_of_a_credential(configured, device, url, tmp_path):
+    """So the example says that a new key needs a restart."""
+    example = configured.root.path(f"/usr/share/doc/{NAME}/examples/credentials.conf").read_text()
+    configured.drop_in(example)
+    paths = dict(re.findall(r'"(\w+_path)": "(.*?)"', example))
+    configured.configure(url, log_level="info", certificate_provider={"type": "file", **paths})
+    configured.systemctl("start")
+    configured.wait_ready()
+    configured.take(MadeDevice(tmp_path / "other", "device-0002"), ROOT_MAY_READ)
+    configured.systemctl("reload")
+    configured.wait_journal(f"The key and the certificate of {device.id} are read. Starting over with them")
+
+
 # --- the end
 
 @pytest.mark.parametrize("command", ["stop", "kill"])

@@ -82,7 +82,7 @@ TEST_F(ReloadTest, FailureKeepsEverything) {
   DiscoverySSOManager manager(device.configuration(), "");
   manager.initialize();
   EXPECT_EQ(manager.getToken("a scope"), "a token");
-  const std::string noKey = "The private key is no RSA key that can be read";
+  const std::string noKey = "The private key is no RSA key of 2048 bits that can be read";
   const std::string noId = "Cannot retrieve certificate id. Not found";
   const std::string key = otherIdentity().privateKey;
   const std::string certificate = otherIdentity().certificate;
@@ -96,6 +96,9 @@ TEST_F(ReloadTest, FailureKeepsEverything) {
       {"no key", "garbage", certificate, noKey},
       {"half a key", key.substr(0, key.size() / 2), certificate, noKey},
       {"key of a curve", curveIdentity().privateKey, certificate, noKey},
+      {"small key", smallIdentity().privateKey, smallIdentity().certificate, noKey},
+      {"key of another certificate", key, deviceIdentity().certificate,
+       "The private key does not belong to the certificate"},
       {"encrypted key", encryptedPrivateKey("secret"), certificate, noKey},
       {"certificate in the key's place", certificate, certificate, noKey},
       {"empty certificate", key, "", " is empty"},
@@ -120,15 +123,6 @@ TEST_F(ReloadTest, MissingFileIsAFailure) {
   std::filesystem::remove(device.certificatePath());
   manager.reload();
   EXPECT_TRUE(log.contains(failureLine("Couldn't open key/certificate file " + device.certificatePath())));
-}
-
-TEST_F(ReloadTest, KeyAndCertificateThatDoNotBelongTogetherAreUsedWithAWarning) {
-  writeKey(otherIdentity().privateKey);
-  EXPECT_TRUE(
-      isLoggedAt(LOG_LEVEL_WARNING, "DiscoverySSOManager: The private key does not belong to the certificate", [&] {
-        DiscoverySSOManager manager(device.configuration(), "");
-        manager.reload();
-      }));
 }
 
 TEST_F(ReloadTest, MessagesHaveTheirLevels) {
@@ -238,16 +232,27 @@ TEST_F(ReloadTest, LoopDoesNotWaitAfterAnAttemptThatFailedBeforeTheReload) {
 }
 
 TEST_F(ReloadTest, LoopLooksForAStopBetweenTheReloadAndTheNextAttempt) {
+  KeyService service;
+  service.serve(deviceIdentity().privateKey, deviceIdentity().certificate);
+  device.configure(R"({"url":")" + device.discoveryUrl() + R"(","cache_enabled":false})",
+                   R"({"type":"Orvex","port":)" + std::to_string(service.port()) + "}");
   DiscoverySSOManager manager(device.configuration(), "");
-  script.onWait = [&](std::size_t) { requestReload(); };
-  script.onDelivery = [&](std::size_t before) {
-    if (before == 3) {
+  script.onWait = [&](std::size_t) {
+    service.answer([](const std::string& request) {
       requestStop();
-    }
+      return Script{send(frame(request == "privatekey" ? deviceIdentity().privateKey : deviceIdentity().certificate))};
+    });
+    requestReload();
   };
   manager.run();
-  const std::vector<std::string> lines = log.lines();
-  EXPECT_EQ(lines.back(), readLine("device-0001"));
+  EXPECT_EQ(log.lines().back(), readLine("device-0001"));
+}
+
+TEST_F(ReloadTest, RejectedConfigurationStaysOne) {
+  device.configure(R"({"url":"u","cache_enabled":false})", "", "");
+  DiscoverySSOManager manager(device.configuration(), "");
+  requestReload();
+  EXPECT_EXIT(manager.run(), testing::ExitedWithCode(1), "");
 }
 
 TEST_F(ReloadTest, LoopReloadsOnceForARequest) {

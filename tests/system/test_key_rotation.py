@@ -3,6 +3,7 @@
 import os
 import re
 import shutil
+import signal
 from types import SimpleNamespace
 
 import pytest
@@ -14,12 +15,13 @@ from support.fake_cloud import TOKEN_PATH
 from support.http_server import Raw, Reply
 from support.log import error
 from support.node_cloud import MadeDevice, NodeCloud
-from support.texts import CLIENT, DISCOVERY, MANAGER, cloud_failed, retrying
+from support.texts import CLIENT, DISCOVERY, MANAGER, cloud_failed, pair_kept, retrying
 
 DOCUMENT = Document("docs/integration.md")
 FIRST = DOCUMENT.block("Key and certificate", "sh", "cd ")
 CHANGE, BACK = [text for text in DOCUMENT.blocks("Rotate the key", "sh") if text.startswith("cd ")]
-VERIFY = DOCUMENT.block("Rotate the key", "sh", "export SSO_PORT")
+BEFORE = DOCUMENT.block("Rotate the key", "sh", "export SSO_PORT")
+VERIFY = DOCUMENT.block("Rotate the key", "sh", "# Ends when")
 
 CANNOT_DECRYPT = "Decrypting Discovery data: RSA_private_decrypt() FAILED"
 BOTH_FAILED = "Couldn't retrieve cloud configure from the cloud and the backup file"
@@ -27,7 +29,8 @@ NOT_READY = f"Cloud discovery failed. System is not initialized{BOTH_FAILED}"
 
 
 class Folder:
-    """Stands for /etc/sso-discovery-service. `systemctl` is put on record; whoever runs the test owns the files."""
+    """Stands for /etc/sso-discovery-service. `systemctl` is put on record, and reloads a service that was named to it;
+    whoever runs the test owns the files."""
 
     def __init__(self, path, stubs):
         self.path = path
@@ -35,8 +38,15 @@ class Folder:
         self._calls = stubs / "calls"
         path.mkdir()
         stubs.mkdir()
-        self.have("systemctl", f'echo "systemctl $*" >>{self._calls}')
         self._environment = {"PATH": f"{stubs}:{os.environ['PATH']}"}
+        self._have_systemctl("")
+
+    def reloads(self, service):
+        """Whatever systemctl is asked for does what the unit does for a reload."""
+        self._have_systemctl(f"kill -HUP {service.process.pid}")
+
+    def _have_systemctl(self, action):
+        self.have("systemctl", f'echo "systemctl $*" >>{self._calls}\n{action}')
 
     def have(self, program, script):
         """The commands find this in the place of the program."""
@@ -63,7 +73,7 @@ class Folder:
 
 
 DONE = Outcome(0, "", "")
-RESTART = ["systemctl restart sso-discovery-service"]
+RELOAD = ["systemctl reload sso-discovery-service"]
 
 
 @pytest.fixture
@@ -76,8 +86,12 @@ def cache(world):
     return world.new_folder("cache")
 
 
-def verify(client, port):
-    return client.in_bash("set -e\n" + VERIFY.replace("SSO_PORT=5055", f"SSO_PORT={port}"), port)
+def token_before(client, port):
+    return client.in_bash(BEFORE.replace("SSO_PORT=5055", f"SSO_PORT={port}") + 'echo "$token"', port).stdout.strip()
+
+
+def verify(client, port, token):
+    return client.in_bash(f"set -e\ntoken={token}\n" + VERIFY, port)
 
 
 # --- the commands
@@ -85,9 +99,9 @@ def verify(client, port):
 def test_commands_put_the_pair_in_place_and_turn_it(folder, device, other_device):
     assert folder.run(FIRST, device) == (DONE, [])
     assert folder.holds(device)
-    assert folder.run(CHANGE, other_device) == (DONE, RESTART)
+    assert folder.run(CHANGE, other_device) == (DONE, RELOAD)
     assert folder.holds(other_device)
-    assert folder.run(BACK) == (DONE, RESTART)
+    assert folder.run(BACK) == (DONE, RELOAD)
     assert folder.holds(device)
     assert (folder.path / "identity-2/device.key").stat().st_mode & 0o777 == 0o640
 
@@ -120,23 +134,36 @@ def test_nothing_changes_when_nothing_can_compare_them(folder, device, other_dev
 # --- the service
 
 def test_rotation_and_back_with_a_real_identity_provider(world, client, folder, cache, tmp_path):
+    """One service sees it all. The cloud that knows the new certificate is another one, on the same ports."""
     old, new = (MadeDevice(tmp_path / name) for name in ("old", "new"))
     folder.run(FIRST, old)
-    document = None
-    ports = []
-    for step, script, identity in [("old", None, old), ("new", CHANGE, new), ("old again", BACK, old)]:
-        if script:
-            folder.run(script, identity)
-        cloud = NodeCloud(identity, world.new_folder(f"cloud {step}"), *ports)
-        try:
-            ports = cloud.ports()
-            document = document or world.document(cloud.discovery_url, folder.provider(), cache_folder=cache)
-            service = world.start(document).wait_ready()
-            assert verify(client, service.api.port) == Outcome(0, "ready\ndevice-0001\n", ""), step
-            assert cloud.count("idp POST /token 200") == 1, cloud.log()
-            service.stop()
-        finally:
+    cloud = NodeCloud(old, world.new_folder("cloud"))
+    ports = cloud.ports()
+    try:
+        service = world.start(world.document(cloud.discovery_url, folder.provider(), cache_folder=cache)).wait_ready()
+        folder.reloads(service)
+        for step, script, identity in [("new", CHANGE, new), ("old again", BACK, old)]:
+            token = token_before(client, service.api.port)
+            assert token, cloud.log()
             cloud.kill()
+            cloud = NodeCloud(identity, world.new_folder(f"cloud {step}"), *ports)
+            assert folder.run(script, identity) == (DONE, RELOAD)
+            verified = verify(client, service.api.port, token)
+            assert (verified.status, verified.stdout) == (0, "device-0001\n"), (step, verified)
+            assert cloud.count("idp POST /token 200") == 1, cloud.log()
+    finally:
+        cloud.kill()
+
+
+def test_pair_that_cannot_be_read_is_not_taken(world, client, cloud, folder, device, other_device):
+    """The commands would not have put it there."""
+    folder.run(FIRST, device)
+    service = world.start(world.document(cloud.discovery_url, folder.provider())).wait_ready()
+    folder.reloads(service)
+    assert token_before(client, service.api.port) == "access/1"
+    folder.run(CHANGE.replace("mv -T", "rm identity-2/device.key && mv -T"), other_device)
+    service.log.wait_for(MANAGER, pair_kept(f"Couldn't open key/certificate file {folder.path}/device.key").text)
+    assert client.ask(service.api.port, "token", "telemetry") == Outcome(0, "access/1\n", "")
 
 
 def test_cache_is_written_anew_for_the_new_key(world, cloud, folder, cache, device, other_device):
@@ -196,6 +223,15 @@ def test_reset_does_not_read_the_new_pair(world, client, cloud, folder, device, 
     since = service.log.mark()
     assert client.ask(service.api.port, "reset") == DONE
     assert CANNOT_DECRYPT in service.wait_failed(since)
+
+
+def test_service_that_was_started_before_finds_its_key_at_a_reload(world, cloud, folder, device):
+    service = world.start(world.document(cloud.discovery_url, folder.provider()))
+    assert service.wait_failed() == f"Couldn't open key/certificate file {folder.path}/device.crt"
+    folder.run(FIRST, device)
+    service.send_signal(signal.SIGHUP)
+    service.log.wait_for(MANAGER, "Cloud config successfully retrieved. Creating SsoClient", seconds=10)
+    assert service.api.token_text() == "access/1"
 
 
 @pytest.mark.slow

@@ -9,11 +9,12 @@ from support.configuration import orvex_provider
 from support.fake_key_service import CERTIFICATE, PRIVATE_KEY, Answer, framed, in_pieces
 from support.framing import LARGEST_PAYLOAD, frame
 from support.http_server import reset_on_close
-from support.log import LEVELS, debug, error, info
+from support.key_service_lines import exchanged, opened, sent
+from support.log import LEVELS, error, info
 from support.service import without_leak_check
 from support.texts import (CONFIGURING, DECRYPTED, DISCOVERY, FOUND_DATA, MANAGER, ORVEX, READING_ID, READY, asking,
-                           cloud_failed, configured, decoded, decrypting, device_known, discovery_status, retrying,
-                           well_known_found, without_cache)
+                           cloud_failed, configured, decoded, decrypting, device_known, discovery_status,
+                           key_service_announced, key_service_received, retrying, well_known_found, without_cache)
 from support.waiting import wait_until
 
 NO_ID = "Cannot retrieve certificate id. Not found"
@@ -21,27 +22,6 @@ NO_KEY = "Decrypting Discovery Request Failed - No private key provided"
 CLOSED = "Orvex connection closed before all data read"
 REFUSED = "Orvex Key Certificate socket couldn't be open"
 SURPLUS = b"surplus " * 200
-
-
-def opened(word):
-    what = "key" if word == PRIVATE_KEY else "certificate"
-    word = word.decode()
-    return [info(ORVEX, f"Orvex retrieving the {what}"), info(ORVEX, f"Orvex Sending {word} key/certificate request"),
-            info(ORVEX, "Orvex Key Certificate socket successfully created")]
-
-
-def sent(word):
-    return [*opened(word), info(ORVEX, "Orvex Key Certificate connected to the server"),
-            debug(ORVEX, f"Orvex Sending {word.decode()} key/certificate request"),
-            debug(ORVEX, f"Orvex Key Certificate request sent {len(word)} bytes")]
-
-
-def size(count):
-    return debug(ORVEX, f"SSO API request message size: {count}")
-
-
-def exchanged(word, count):
-    return [*sent(word), size(count), debug(ORVEX, f"Total bytes read {count}")]
 
 
 @pytest.fixture
@@ -129,7 +109,7 @@ def faults():
         return f"Orvex read reply failed: read {count} bytes"
 
     def whole(count):
-        return [size(count), debug(ORVEX, f"Total bytes read {count}")]
+        return [key_service_announced(count), key_service_received(count)]
 
     return [
         ("Error alone", framed(b"Error"), whole(5), received("Error")),
@@ -144,14 +124,14 @@ def faults():
         ("reset after 3 bytes", Answer((b"\0\0\1",), "reset"), [unread], None),
         ("length 0", framed(b""), whole(0), None),
         ("NUL first", framed(b"\0text"), whole(5), None),
-        ("closed before the payload", framed(b"", 100, "close"), [size(100), info(ORVEX, CLOSED)], CLOSED),
-        ("closed inside the payload", framed(b"x" * 99, 100, "close"), [size(100), info(ORVEX, CLOSED)], CLOSED),
-        ("closed inside a long payload", framed(b"x" * 9000, 9001, "close"), [size(9001), info(ORVEX, CLOSED)], CLOSED),
-        ("Error cut off", framed(b"Error", 6, "close"), [size(6), info(ORVEX, CLOSED)], CLOSED),
+        ("closed before the payload", framed(b"", 100, "close"), [key_service_announced(100), info(ORVEX, CLOSED)], CLOSED),
+        ("closed inside the payload", framed(b"x" * 99, 100, "close"), [key_service_announced(100), info(ORVEX, CLOSED)], CLOSED),
+        ("closed inside a long payload", framed(b"x" * 9000, 9001, "close"), [key_service_announced(9001), info(ORVEX, CLOSED)], CLOSED),
+        ("Error cut off", framed(b"Error", 6, "close"), [key_service_announced(6), info(ORVEX, CLOSED)], CLOSED),
         ("reset before the payload", framed(b"", 100, "reset"),
-         [size(100), error(ORVEX, failed_after(0))], failed_after(0)),
+         [key_service_announced(100), error(ORVEX, failed_after(0))], failed_after(0)),
         ("reset inside the payload", framed(b"x" * 3, 100, "reset"),
-         [size(100), error(ORVEX, failed_after(3))], failed_after(3)),
+         [key_service_announced(100), error(ORVEX, failed_after(3))], failed_after(3)),
     ]
 
 

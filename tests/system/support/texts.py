@@ -135,7 +135,6 @@ def retrying(reason):
 
 RELOAD = info(MANAGER, "Received RELOAD signal")
 READING_AGAIN = info(MANAGER, "Reading the key and the certificate again")
-PAIR_MISMATCH = warning(MANAGER, "The private key does not belong to the certificate")
 
 
 def pair_read(device_id):
