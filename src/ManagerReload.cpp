@@ -29,7 +29,7 @@ std::string load(KeyCertificateProvider& source) {
       EVP_PKEY_size(key.get()) != int{Discovery::DISCOVERY_RSA_BLOCK_SIZE}) {
     throw KCException("The private key is no RSA key of 2048 bits that can be read");
   }
-  const std::string id = source.getCertificateId(true);
+  std::string id = source.getCertificateId(true);
   const X509Owner certificate = readCertificate(source.getCertificate(false));
   if (X509_check_private_key(certificate.get(), key.get()) != 1) {
     throw KCException("The private key does not belong to the certificate");
