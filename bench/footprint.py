@@ -1,9 +1,9 @@
 """What the service takes of a device: size, libraries, heap, stacks, instructions. Fails when the program or a stack is
 larger than a device may expect.
 
-    footprint.py PROGRAM PLUGIN [EMULATOR...]
+    footprint.py PROGRAM PLUGIN HEAP_PEAK [EMULATOR...]
 
-PLUGIN is count_instructions.c, built. EMULATOR is what runs PROGRAM, such as `qemu-arm -L ROOT`; without one, PROGRAM
+PLUGIN is count_instructions.c, built, HEAP_PEAK is heap_peak.c, built for PROGRAM's machine. EMULATOR is what runs PROGRAM, such as `qemu-arm -L ROOT`; without one, PROGRAM
 is for this machine, and qemu-x86_64 counts its instructions. The cloud is a stand-in over plain HTTP."""
 
 import os
@@ -30,7 +30,7 @@ CACHED_REQUESTS = 200
 TOKEN = "eyJhbGciOiJSUzI1NiJ9." + "x" * 600 + "." + "y" * 342  # as long as a signed JWT with a few claims
 
 
-def main(program, plugin, *emulator):
+def main(program, plugin, heap_peak_library, *emulator):
     with tempfile.TemporaryDirectory() as name:
         folder = pathlib.Path(name)
         for part in ("device", "world"):
@@ -40,8 +40,8 @@ def main(program, plugin, *emulator):
             size = stripped_size(program, folder)
             print(f"program, stripped: {size} bytes (at most {LARGEST_PROGRAM})")
             print(f"shared libraries: {', '.join(libraries(program))}")
-            print(f"heap peak until ready: {heap_peak(world, emulator, 0)} bytes")
-            print(f"heap peak with one token request: {heap_peak(world, emulator, 1)} bytes")
+            print(f"heap peak until ready: {heap_peak(world, heap_peak_library, emulator, 0)} bytes")
+            print(f"heap peak with one token request: {heap_peak(world, heap_peak_library, emulator, 1)} bytes")
             (_, main_peak), *others = stacks(world, emulator)
             print(f"stack peak of the main thread: {main_peak} bytes")
             for stack_size, peak in others:
@@ -74,9 +74,9 @@ def get_token(service):
     assert service.api.request("token", scope="telemetry") == {"status": "ok", "token": TOKEN}
 
 
-def heap_peak(world, emulator, requests):
-    """The most that malloc and its kin had given out at one time, from start to end (glibc's libmemusage.so)."""
-    preload = "LD_PRELOAD=libmemusage.so"
+def heap_peak(world, library, emulator, requests):
+    """The most that malloc and its kin had given out at one time, from start to end."""
+    preload = f"LD_PRELOAD={library}"
     service = world.start_ready(new_cloud(world), "error",
                                 wrapper=[*emulator, "-E", preload] if emulator else ["env", preload])
     service.expected_stderr = re.compile(".*", re.S)
