@@ -3,15 +3,13 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "LiteralJson.h"
+#include "Require.h"
 #include "json/json.h"
 
 extern "C" {
@@ -22,14 +20,8 @@ extern "C" {
 namespace {
 
 using fuzz::LiteralJson;
+using fuzz::require;
 using fuzz::Verdict;
-
-void require(bool holds, const char* fact) {
-  if (!holds) {
-    std::fprintf(stderr, "does not hold: %s\n", fact);
-    std::abort();
-  }
-}
 
 struct Answer {
   ssoclient_status status;

@@ -116,7 +116,7 @@ class DiscoveryAttempt:
     def __init__(self, world, cell, with_backup=False):
         self._cloud = world.new_cloud()
         self._fault = cell.script(world, self._cloud, DISCOVERING)
-        self._folder = world.new_folder(f"discovery-{cell.name}")
+        self._folder = world.new_folder(f"discovery-{cell.name}-{'with' if with_backup else 'without'}")
         self._backup = self._folder / f"{self._cloud.device.id}.cfg"
         document = world.document(self._cloud.discovery_url, cache_folder=self._folder)
         document["sso"]["cloud_config"]["cache_enabled"] = with_backup

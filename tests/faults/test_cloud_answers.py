@@ -69,6 +69,8 @@ USABLE = [  # (fault, how it is brought about): odd, and the answer is taken all
     ("status 299", scripted(lambda body: Reply(299, body))),
     ("100 Continue first", scripted(lambda body: Raw(b"HTTP/1.1 100 Continue\r\n\r\n" + HEAD + b"\r\n" + body))),
     ("no length", scripted(lambda body: Raw(HEAD + b"\r\n" + body))),
+    ("length beyond 64 bits",
+     scripted(lambda body: Raw(HEAD + b"Content-Length: 99999999999999999999\r\n\r\n" + body))),
     ("bytes behind the document", ending(b"\0\xff and so on")),
     ("another member of 100,000 levels", with_member(b'"deep":' + b"[" * LEVELS + b"]" * LEVELS)),
     ("another member of 1 MiB", with_member(b'"long":"' + b"x" * 2**20 + b'"')),

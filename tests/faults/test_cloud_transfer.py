@@ -68,12 +68,29 @@ class Flood:
             connection.sendall(self.piece)
 
 
+@dataclass(frozen=True)
+class Drip:
+    """A beginning that comes at once, then a byte a second without end."""
+    beginning: bytes
+
+    def send(self, connection, closing):
+        connection.sendall(self.beginning)
+        while not closing.wait(1):
+            connection.sendall(b" ")
+
+
 def announcing(surplus):
     """The good body with a wrong length."""
     return lambda body: Raw(HEAD + b"Content-Length: %d\r\n\r\n%s" % (len(body) + surplus, body))
 
 
+def measured_as(length):
+    """The good body with a length that is none."""
+    return lambda body: Raw(HEAD + b"Content-Length: %s\r\n\r\n%s" % (length, body))
+
+
 MEBIBYTE = bytes(2**20)
+HEADER_LINES = (b"X: " + b"x" * 1019 + b"\r\n") * 1024  # 1 MiB
 
 FAULTS = [  # (fault, libcurl's error or the status, how it is brought about)
     ("name does not resolve", "could_not_resolve", Unresolved),
@@ -83,15 +100,22 @@ FAULTS = [  # (fault, libcurl's error or the status, how it is brought about)
     ("closes inside the body", "partial_file", scripted(Raw(HEAD + b'Content-Length: 5000\r\n\r\n{"data":'))),
     ("resets inside the body", "receive_error", scripted(Raw(HEAD + b"Content-Length: 5000\r\n\r\n{", "reset"))),
     ("length is too long", "partial_file", scripted(announcing(10))),
+    ("length is no number", "weird_server_reply", scripted(measured_as(b"many"))),
+    ("length is negative", "weird_server_reply", scripted(measured_as(b"-5"))),
     ("chunk without a size", "receive_error", scripted(Raw(CHUNKED + b"what?\r\n{}\r\n"))),
+    ("chunk longer than its size", "receive_error", scripted(Raw(CHUNKED + b"1\r\n{}\r\n0\r\n\r\n"))),
+    ("closes inside a chunk", "partial_file", scripted(Raw(CHUNKED + b"1000\r\n{"))),
     ("last chunk is missing", "partial_file", scripted(Raw(CHUNKED + b"2\r\n{}\r\n"))),
     ("not HTTP", "unsupported_protocol", scripted(Raw(b"hello, this is another protocol\r\n\r\n"))),
+    ("status 101", 101, scripted(lambda body: Raw(b"HTTP/1.1 101 Switching Protocols\r\n\r\n" + body))),
     ("1xx then closes", "got_nothing", scripted(Raw(b"HTTP/1.1 100 Continue\r\n\r\n"))),
     ("body of 100 MiB", "write_error", scripted(Flood(HEAD + b"Content-Length: 104857600\r\n\r\n", MEBIBYTE, 100))),
     ("body of 100 MiB without a length", "write_error", scripted(Flood(HEAD + b"\r\n", MEBIBYTE, 100))),
     ("chunks of 100 MiB", "write_error",
      scripted(Flood(CHUNKED, b"100000\r\n%s\r\n" % MEBIBYTE, 100))),
     ("header line of 100 MiB", "out_of_memory", scripted(Flood(HEAD + b"X: ", b"x" * 2**20, 100))),
+    ("header lines of 100 MiB", "receive_error", scripted(Flood(HEAD, HEADER_LINES, 100))),
+    ("1xx without end", "receive_error", scripted(Flood(b"", b"HTTP/1.1 102 Processing\r\n\r\n" * 2**15, 100))),
     ("3xx without a location", 302, scripted(Reply(302))),
 ]
 
@@ -104,7 +128,8 @@ NOT_FOLLOWED = [(fault, 302, script) for fault, _, script in REDIRECTS]
 
 WAITS = [
     ("accepts and is silent", "timed_out", scripted(Raw(ending="hold"))),
-    ("sends a byte a second", "timed_out", scripted(Raw(HEAD + b"Content-Length: 9999\r\n\r\n" + b" " * 99, pause=1))),
+    ("sends a byte of the headers a second", "timed_out", scripted(Drip(HEAD + b"X: "))),
+    ("sends a byte of the body a second", "timed_out", scripted(Drip(HEAD + b"Content-Length: 9999\r\n\r\n"))),
     ("1xx then silence", "timed_out", scripted(Raw(b"HTTP/1.1 102 Processing\r\n\r\n", "hold"))),
 ]
 
@@ -128,6 +153,8 @@ def begun(module_world):
     attempts = {}
     for cell in of_discovery(WAITS):
         attempts[DISCOVERING, cell.fault] = DiscoveryAttempt(module_world, cell)
+    silence, = of_discovery(WAITS[:1], backup_cell)
+    attempts["with a backup file"] = DiscoveryAttempt(module_world, silence, with_backup=True)
     for request in (LOOKING_UP, ASKING_TOKEN):
         for cell in of_token(WAITS):
             attempts[request, cell.fault] = TokenAttempt(module_world, cell, request)
@@ -139,6 +166,13 @@ def begun(module_world):
 @matrix("Discovery request: the transfer", *of_discovery(WAITS))
 def test_discovery_ends_at_the_time_limit(begun, cell, judge):
     check_time_limit(begun[DISCOVERING, cell.fault], judge)
+
+
+@pytest.mark.slow
+@pytest.mark.xdist_group("time limit of transfers")
+@matrix("Discovery request with a backup file: the transfer", *of_discovery(WAITS[:1], backup_cell))
+def test_discovery_with_a_backup_file_ends_at_the_time_limit(begun, cell, judge):
+    check_time_limit(begun["with a backup file"], judge)
 
 
 @pytest.mark.slow

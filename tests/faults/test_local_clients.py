@@ -205,6 +205,7 @@ def test_others_wait_until_a_client_leaves(start, judge, cell):
     "Local clients hold up their port",
     *(Cell(fault, log=log, files=UNCHANGED, script=Blocking(sent, 0, None)) for fault, sent, log in (
         ("silent until the stop", b"", (ACCEPTED,)),
+        ("silent inside the length until the stop", b"\0\0", (ACCEPTED,)),
         ("silent inside the payload until the stop", frame(b"123", 10), (ACCEPTED, size_known(10))),
         ("takes no reply until the stop", LONG_REQUEST, (ACCEPTED,)))))
 def test_client_that_holds_up_its_port_does_not_hold_up_the_stop(start, judge, cell):

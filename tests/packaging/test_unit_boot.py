@@ -350,7 +350,7 @@ def probe(installed_service):
     root.run("touch", "/tmp/visible", "/home/visible")
     service.systemctl("stop")
     service.mark()
-    service.drop_in("[Service]\nType=oneshot\nRestart=no\nExecStart=\nExecStart=/usr/local/bin/probe\n")
+    service.drop_in("[Service]\nType=oneshot\nRestart=no\nRestartForceExitStatus=\nExecStart=\nExecStart=/usr/local/bin/probe\n")
     service.systemctl("start")
     service.wait_journal("^write to /run/lock: ")
     inside = results(service.journal())
