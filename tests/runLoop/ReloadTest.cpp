@@ -48,6 +48,19 @@ class ReloadTest : public ::testing::Test {
     writeCertificate(otherIdentity().certificate);
   }
 
+  /// The first wait is ended by a reload of the other pair; by the second one it is to be in use.
+  void reloadOtherInFirstWait(DiscoverySSOManager& manager) {
+    script.onWait = [&](std::size_t before) {
+      if (before == 0) {
+        installOther();
+        requestReload();
+      } else {
+        EXPECT_EQ(manager.getCertificateId(), "device-0002");
+        requestStop();
+      }
+    };
+  }
+
   Device device;
   LogCapture log;
   StopScript script;
@@ -186,15 +199,7 @@ TEST_F(ReloadTest, StopEndsTheWaitForARequestUnderWay) {
 
 TEST_F(ReloadTest, LoopReloadsAReadyManagerAndInitialisesItAtOnce) {
   DiscoverySSOManager manager(device.configuration(), "");
-  script.onWait = [&](std::size_t before) {
-    if (before == 0) {
-      installOther();
-      requestReload();
-    } else {
-      EXPECT_EQ(manager.getCertificateId(), "device-0002");
-      requestStop();
-    }
-  };
+  reloadOtherInFirstWait(manager);
   manager.run();
   EXPECT_EQ(script.waits, (Waits{1s, 1s}));
 }
@@ -202,15 +207,7 @@ TEST_F(ReloadTest, LoopReloadsAReadyManagerAndInitialisesItAtOnce) {
 TEST_F(ReloadTest, LoopReloadsBeforeTheNextAttempt) {
   writeKey("garbage");
   DiscoverySSOManager manager(device.configuration(), "");
-  script.onWait = [&](std::size_t before) {
-    if (before == 0) {
-      installOther();
-      requestReload();
-    } else {
-      EXPECT_EQ(manager.getCertificateId(), "device-0002");
-      requestStop();
-    }
-  };
+  reloadOtherInFirstWait(manager);
   manager.run();
   EXPECT_EQ(script.waits, (Waits{30s, 1s})) << "the wait for the next attempt, then an idle one";
 }

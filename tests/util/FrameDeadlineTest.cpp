@@ -10,7 +10,7 @@
 
 #include "support/ChildProcess.h"
 #include "support/KeyService.h"
-#include "util/Descriptor.h"
+#include "support/SocketPair.h"
 #include "util/Frames.h"
 #include "util/Signals.h"
 
@@ -24,19 +24,8 @@ using std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds LIMIT = 200ms;
 
-class FrameDeadline : public ::testing::TestWithParam<Patience> {
+class FrameDeadline : public ::testing::TestWithParam<Patience>, public SocketPair {
  protected:
-  FrameDeadline() {
-    int ends[2] = {Descriptor::NONE, Descriptor::NONE};
-    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-    near.reset(ends[0]);
-    far.reset(ends[1]);
-  }
-
-  void send(const std::string& bytes) const {
-    EXPECT_EQ(::send(far.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
-  }
-
   /// Expects that the time since the start is about the limit.
   void expectLimit() const {
     EXPECT_GE(steady_clock::now() - start, LIMIT);
@@ -45,8 +34,6 @@ class FrameDeadline : public ::testing::TestWithParam<Patience> {
 
   const steady_clock::time_point start = steady_clock::now();
   const Deadline deadline = start + LIMIT;
-  Descriptor near;
-  Descriptor far;
 };
 
 TEST_P(FrameDeadline, SilenceIsWaitedForUntilThen) {
@@ -137,10 +124,9 @@ TEST(FrameDeadlineAtStop, StopEndsTheWaitBeforeTheDeadline) {
   EXPECT_EQ(runInChild([] {
               takeSignals();
               ::raise(SIGTERM);
-              int ends[2] = {};
-              EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+              const SocketPair silent;
               const auto start = steady_clock::now();
-              FrameReader reader(ends[0], Patience::UNTIL_STOP, start + 60s);
+              FrameReader reader(silent.near.get(), Patience::UNTIL_STOP, start + 60s);
               EXPECT_EQ(reader.readLength(), Transfer::FAILED);
               EXPECT_LT(steady_clock::now() - start, 30s);
             }),

@@ -11,6 +11,7 @@
 
 #include "support/ChildProcess.h"
 #include "support/LogCapture.h"
+#include "support/SocketPair.h"
 #include "util/Descriptor.h"
 #include "util/Frames.h"
 #include "util/Signals.h"
@@ -22,25 +23,9 @@ using namespace velo::ssoService;
 using Patience = FrameReader::Patience;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
+using Connection = test::SocketPair;
 
 constexpr std::uint32_t LIMIT = 1024 * 1024;
-
-/// Two connected sockets: bytes that are sent at one end are read at the other.
-struct Connection {
-  Connection() {
-    int ends[2] = {Descriptor::NONE, Descriptor::NONE};
-    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-    near.reset(ends[0]);
-    far.reset(ends[1]);
-  }
-
-  void send(const std::string& bytes) const {
-    EXPECT_EQ(::send(far.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
-  }
-
-  Descriptor near;
-  Descriptor far;
-};
 
 std::string prefix(std::uint32_t length) {
   std::string bytes;
