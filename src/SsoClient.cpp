@@ -15,6 +15,7 @@ namespace velo::ssoService {
 namespace {
 
 constexpr const char* LOG_SOURCE = "SsoClient";
+constexpr std::size_t MOST_CACHED_BYTES = std::size_t{16} * 1024 * 1024;
 
 }  // namespace
 
@@ -117,6 +118,20 @@ void SsoClient::forgetUnusableTokens() {
   }
 }
 
+/// Drops the other scopes' tokens when there are more than any device needs: local programs may make scopes up.
+void SsoClient::keepCacheSmall(const std::string& scope) {
+  std::size_t bytes = 0;
+  for (const auto& [cachedScope, token] : accessTokens) {
+    bytes += cachedScope.size() + token.getToken().size();
+  }
+  if (bytes <= MOST_CACHED_BYTES) {
+    return;
+  }
+  for (auto cached = accessTokens.begin(); cached != accessTokens.end();) {
+    cached = cached->first == scope ? std::next(cached) : accessTokens.erase(cached);
+  }
+}
+
 void SsoClient::requestAccessToken(const std::string& scope) {
   accessTokens[scope].clear();
   const std::string assertion = createAuthenticationIdToken();
@@ -126,6 +141,7 @@ void SsoClient::requestAccessToken(const std::string& scope) {
     LOG_ERROR("Not a valid JSON.");
     throw SsoException("Couldn't create valid access token");
   }
+  keepCacheSmall(scope);
 }
 
 /// The token endpoint's answer.

@@ -31,7 +31,7 @@ class SsoClient {
   void retrieveTokenEndpoint();
 
   /// An access token for the scope, from the cache while it has 20 seconds left. Throws SsoException or KCException;
-  /// other scopes' tokens stay.
+  /// other scopes' tokens stay, unless all of them take more than 16 MiB.
   std::string getAccessToken(const std::string& scope);
 
   /// Fetches a new token for the scope into the cache. Exceptions as above.
@@ -49,6 +49,7 @@ class SsoClient {
   void readTokenEndpoint(const std::string& configuration);
   std::string postTokenRequest(const std::string& scope, const std::string& assertion);
   void forgetUnusableTokens();
+  void keepCacheSmall(const std::string& scope);
 
   std::string serverUrl;
   std::string clientId;

@@ -10,6 +10,7 @@
 #include "support/DecodedToken.h"
 #include "support/HttpServer.h"
 #include "support/LogCapture.h"
+#include "support/LogReset.h"
 #include "support/LoggedAt.h"
 #include "support/OpenDescriptors.h"
 #include "support/RawServer.h"
@@ -183,6 +184,23 @@ TEST_F(AccessTokenRequestTest, ScopesHaveTokensOfTheirOwn) {
   for (const std::string& scope : scopes) {
     EXPECT_EQ(client.getAccessToken(scope), "token of " + scope);
   }
+}
+
+TEST_F(AccessTokenRequestTest, CacheOfMoreThanSixteenMebibytesBeginsAnew) {
+  const LogReset silent;
+  answer(grant(std::string(2000000, 't')));
+  const auto scope = [](int number) { return std::to_string(number); };
+  for (int number = 0; number < 8; ++number) {
+    client.getAccessToken(scope(number));
+  }
+  client.getAccessToken(scope(0));
+  EXPECT_THAT(forms(), SizeIs(8)) << "all are kept";
+  client.getAccessToken(scope(8));
+  client.getAccessToken(scope(8));
+  EXPECT_THAT(forms(), SizeIs(9)) << "the last one is kept";
+  client.getAccessToken(scope(0));
+  client.getAccessToken(scope(8));
+  EXPECT_THAT(forms(), SizeIs(10)) << "the others are gone";
 }
 
 TEST_F(AccessTokenRequestTest, FailureLeavesTheOtherScopesTokens) {

@@ -2,7 +2,6 @@
 installed library, before and after an upgrade."""
 
 import subprocess
-from pathlib import Path
 
 import pytest
 
