@@ -31,7 +31,8 @@ std::string load(KeyCertificateProvider& source) {
   }
   std::string id = source.getCertificateId(true);
   const X509Owner certificate = readCertificate(source.getCertificate(false));
-  if (X509_check_private_key(certificate.get(), key.get()) != 1) {
+  const KeyOwner publicKey(X509_get_pubkey(certificate.get()));
+  if (!publicKey || !isWorkingPair(key.get(), publicKey.get())) {
     throw KCException("The private key does not belong to the certificate");
   }
   return id;

@@ -74,7 +74,7 @@ void OrvexKCProvider::requestKeyCertificate(const std::string& request, std::str
   readReply(out);  // Kept: without a reply the text stays empty, and that is no failure here.
   socketFd.reset();
   if (out->rfind("Error", 0) == 0) {
-    const std::string reply = *out;
+    const std::string reply = out->substr(0, out->find("-----BEGIN"));  // a key is not to get any further
     wipe(*out);
     throw KCException("Couldn't load key/certificate. Received: " + reply);
   }

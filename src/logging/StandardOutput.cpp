@@ -12,6 +12,7 @@
 namespace {
 
 constexpr std::chrono::seconds PATIENCE{5};
+constexpr std::chrono::seconds BETWEEN_WAITS{60};
 constexpr std::size_t PIECE_BYTES = PIPE_BUF;  // what a pipe with room takes without a wait
 
 /// Waits for room until the time; an error counts as room, and shows in the write.
@@ -26,7 +27,8 @@ bool hasRoomBy(std::chrono::steady_clock::time_point end) {
 
 void StandardOutput::write(std::string_view text) {
   const auto now = std::chrono::steady_clock::now();
-  const auto end = lost > 0 ? now : now + PATIENCE;
+  const bool waits = lost == 0 && now >= patientFrom;
+  const auto end = waits ? now + PATIENCE : now;
   if (lost > 0) {
     char note[64] = "";
     const int length = std::snprintf(note, sizeof note, "%sLOG LOST %zu lines\n", isCut ? "\n" : "", lost);
@@ -39,6 +41,7 @@ void StandardOutput::write(std::string_view text) {
   }
   if (!writeWholeBy(end, text)) {
     ++lost;
+    patientFrom = waits ? end + BETWEEN_WAITS : patientFrom;
   }
 }
 

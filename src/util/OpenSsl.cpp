@@ -46,4 +46,19 @@ bool decryptOaep(EVP_PKEY* key, const unsigned char* block, std::size_t length, 
   return true;
 }
 
+bool isWorkingPair(EVP_PKEY* privateKey, EVP_PKEY* publicKey) {
+  const std::string text = "any text";
+  std::string block(static_cast<std::size_t>(EVP_PKEY_size(publicKey)), '\0');
+  std::size_t length = block.size();
+  const KeyContextOwner context(EVP_PKEY_CTX_new(publicKey, nullptr));
+  if (!context || EVP_PKEY_encrypt_init(context.get()) <= 0 ||
+      EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_OAEP_PADDING) <= 0 ||
+      EVP_PKEY_encrypt(context.get(), reinterpret_cast<unsigned char*>(block.data()), &length,
+                       reinterpret_cast<const unsigned char*>(text.data()), text.size()) <= 0) {
+    return false;
+  }
+  std::string plain;
+  return decryptOaep(privateKey, reinterpret_cast<const unsigned char*>(block.data()), length, plain) && plain == text;
+}
+
 }  // namespace velo::ssoService

@@ -42,4 +42,7 @@ KeyOwner readPrivateKey(const std::string& pem);
 /// Decrypts one block with RSA-OAEP (SHA-1, MGF1 with SHA-1). False when it does not decrypt.
 bool decryptOaep(EVP_PKEY* key, const unsigned char* block, std::size_t length, std::string& plain);
 
+/// Whether a private key decrypts what is encrypted to the public key: its numbers may be damaged.
+bool isWorkingPair(EVP_PKEY* privateKey, EVP_PKEY* publicKey);
+
 }  // namespace velo::ssoService

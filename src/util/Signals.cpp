@@ -4,6 +4,7 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <csignal>
 
@@ -32,10 +33,12 @@ int blockSignals(const sigset_t& signals) {
   return descriptor;
 }
 
+/// As many as can be pending at once, so that a storm of them does not hold anybody up.
 void deliver(int descriptor, void (*handler)(int)) {
-  signalfd_siginfo received{};
-  while (::read(descriptor, &received, sizeof received) == static_cast<ssize_t>(sizeof received)) {
-    handler(static_cast<int>(received.ssi_signo));
+  std::array<signalfd_siginfo, 2> received{};
+  const ssize_t bytes = ::read(descriptor, received.data(), sizeof received);
+  for (ssize_t taken = 0; taken < bytes; taken += static_cast<ssize_t>(sizeof(signalfd_siginfo))) {
+    handler(static_cast<int>(received[static_cast<std::size_t>(taken) / sizeof(signalfd_siginfo)].ssi_signo));
   }
 }
 

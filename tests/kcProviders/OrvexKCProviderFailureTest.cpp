@@ -57,6 +57,12 @@ TEST_F(OrvexKCProviderFailureTest, RefusedConnection) {
   EXPECT_EQ(thrownBy([&] { unserved.getCertificateId(false); }), "KCException: " + NOT_OPEN);
 }
 
+TEST_F(OrvexKCProviderFailureTest, KeyInAnErrorTextIsNotPassedOn) {
+  service.serve("Error 5: " + deviceIdentity().privateKey, "");
+  EXPECT_EQ(thrownBy([&] { provider.getPrivateKey(false); }),
+            "KCException: Couldn't load key/certificate. Received: Error 5: ");
+}
+
 TEST_F(OrvexKCProviderFailureTest, ReplyIsWaitedForUntilItsLimit) {
   OrvexKCProvider limited(service.port(), std::chrono::seconds(1));
   const std::string late = "Orvex Key Certificate no reply in 1 seconds";

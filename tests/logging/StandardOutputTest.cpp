@@ -87,6 +87,9 @@ TEST(StandardOutputTest, FullPipeIsWaitedForThenWhatComesIsDroppedAtOnceAndCount
               output.write("third\n");
               output.write("fourth\n");
               EXPECT_EQ(pipe.take(), "LOG LOST 2 lines\nthird\nfourth\n");
+              output.write(full);
+              EXPECT_LT(timeOf([&] { output.write("fifth\n"); }), 3s) << "one wait in vain is enough for a while";
+              EXPECT_EQ(pipe.take(), full);
             }),
             0);
 }

@@ -36,6 +36,17 @@ std::string failureLine(const std::string& reason) {
          ". The old ones stay in use";
 }
 
+/// The same public numbers; a character of the private exponent and of a prime are other ones.
+std::string withDamagedNumbers(std::string pem) {
+  constexpr std::size_t LINE = 64;
+  const std::size_t body = pem.find('\n') + 1;
+  for (const std::size_t character : {560U, 826U}) {
+    char& damaged = pem.at(body + character + character / LINE);
+    damaged = damaged == 'A' ? 'B' : 'A';
+  }
+  return pem;
+}
+
 class ReloadTest : public ::testing::Test {
  protected:
   ReloadTest() { device.cloud.on(OTHER_PATH, {200, discoveryReply(device.payload, otherIdentity().certificate), {}}); }
@@ -111,6 +122,8 @@ TEST_F(ReloadTest, FailureKeepsEverything) {
       {"key of a curve", curveIdentity().privateKey, certificate, noKey},
       {"small key", smallIdentity().privateKey, smallIdentity().certificate, noKey},
       {"key of another certificate", key, deviceIdentity().certificate,
+       "The private key does not belong to the certificate"},
+      {"key with damaged numbers", withDamagedNumbers(key), certificate,
        "The private key does not belong to the certificate"},
       {"encrypted key", encryptedPrivateKey("secret"), certificate, noKey},
       {"certificate in the key's place", certificate, certificate, noKey},

@@ -153,4 +153,18 @@ TEST_F(Decryption, RefusesAKeyThatCannotDecrypt) {
   EXPECT_EQ(plain, "");
 }
 
+TEST_F(OpenSsl, KeyAndCertificateThatBelongTogetherAreAWorkingPair) {
+  const auto isPair = [](const test::TestIdentity& key, const test::TestIdentity& certificate) {
+    const KeyOwner privateKey = readPrivateKey(key.privateKey);
+    const KeyOwner publicKey(X509_get_pubkey(readCertificate(certificate.certificate).get()));
+    return isWorkingPair(privateKey.get(), publicKey.get());
+  };
+  EXPECT_TRUE(isPair(test::deviceIdentity(), test::deviceIdentity()));
+  EXPECT_TRUE(isPair(test::smallIdentity(), test::smallIdentity()));
+  EXPECT_FALSE(isPair(test::deviceIdentity(), test::otherIdentity()));
+  EXPECT_FALSE(isPair(test::deviceIdentity(), test::smallIdentity()));
+  EXPECT_FALSE(isPair(test::deviceIdentity(), test::curveIdentity()));
+  EXPECT_FALSE(isPair(test::curveIdentity(), test::deviceIdentity()));
+}
+
 }  // namespace
