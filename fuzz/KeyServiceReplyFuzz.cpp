@@ -76,7 +76,7 @@ std::string expectedExchange(const ConnectionScript& service, const std::string&
   }
   const std::string text = service.incoming.substr(LENGTH_BYTES, length).c_str();
   if (text.compare(0, 5, "Error") == 0) {
-    throw Failure{"Couldn't load key/certificate. Received: " + text};
+    throw Failure{"Couldn't load key/certificate. Received: " + text.substr(0, text.find("-----BEGIN"))};
   }
   return text;
 }
