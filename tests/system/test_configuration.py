@@ -232,7 +232,7 @@ def test_a_fraction_of_the_key_service_port_is_cut_off(world, cloud):
     key_service = world.new_key_service()
     provider = orvex_provider(key_service.port + 0.5)
     world.start(world.document(cloud.discovery_url, provider)).wait_ready()
-    assert len(key_service.exchanges) == 2
+    assert len(key_service.wait_exchanges(2)) == 2
 
 
 def test_no_api_provider_at_all_is_accepted(world, cloud):

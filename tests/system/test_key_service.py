@@ -49,7 +49,7 @@ def test_both_exchanges_are_logged_in_order(world, cloud, key_service, level):
 
 def test_each_fetch_is_one_connection_with_the_bare_word(world, cloud, key_service):
     starting_with(world, cloud, key_service).wait_ready()
-    assert key_service.exchanges == [b"certificate", b"privatekey"]
+    assert key_service.wait_exchanges(2) == [b"certificate", b"privatekey"]
 
 
 def test_key_and_certificate_are_asked_for_once(world, cloud, key_service):
@@ -66,7 +66,7 @@ def test_key_and_certificate_are_asked_for_once(world, cloud, key_service):
 def test_the_port_is_used_as_a_16_bit_number(world, cloud, key_service):
     provider = orvex_provider(key_service.port + 65536)
     world.start(world.document(cloud.discovery_url, provider)).wait_ready()
-    assert len(key_service.exchanges) == 2
+    assert len(key_service.wait_exchanges(2)) == 2
 
 
 @pytest.mark.parametrize("payload_size, pause", [(1, 0.0002), (3, 0.001), (255, 0.002), (256, 0.002), (1000, 0.01)])
@@ -168,7 +168,7 @@ def test_after_a_fault_the_next_attempt_asks_again(world, cloud, key_service, an
     service.wait_failed()
     service.stop()  # runs one more attempt
     assert service.log.pairs()[-2:] == [(MANAGER, READY.text), (MANAGER, "SSO Discovery Service terminated")]
-    assert key_service.exchanges == [b"certificate", b"certificate", b"privatekey"]
+    assert key_service.wait_exchanges(3) == [b"certificate", b"certificate", b"privatekey"]
 
 
 @pytest.mark.parametrize("level", LEVELS)

@@ -143,7 +143,7 @@ def test_new_pair_from_the_key_service(world, cloud, new_device):
                                 *exchanged(CERTIFICATE, len(new_device.certificate_pem))), since, without=API)
     assert service.api.exchange(ID_REQUEST) == NEW_ID_REPLY
     assert service.api.token_text() == "access/1"
-    assert key_service.exchanges == [b"certificate", b"privatekey", b"privatekey", b"certificate"]
+    assert key_service.wait_exchanges(4) == [b"certificate", b"privatekey", b"privatekey", b"certificate"]
 
 
 def test_configuration_is_not_read_again(service, cloud):

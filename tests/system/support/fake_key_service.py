@@ -6,6 +6,7 @@ from dataclasses import dataclass
 from .connections import ConnectionServer
 from .framing import frame
 from .http_server import reset_on_close
+from .waiting import wait_until
 
 PRIVATE_KEY = b"privatekey"
 CERTIFICATE = b"certificate"
@@ -52,6 +53,11 @@ class FakeKeyService(ConnectionServer):
             received += self._give(connection, self._next(received))
         finally:
             self.exchanges.append(received)
+
+    def wait_exchanges(self, count):
+        """All exchanges, once there are so many: the client may be at its next step before this side sees the end."""
+        wait_until(lambda: len(self.exchanges) >= count, lambda: f"{count} exchanges, not {self.exchanges}")
+        return self.exchanges
 
     def _next(self, word):
         answers = self._scripts.get(word) or [self._usual[word]]
