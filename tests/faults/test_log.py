@@ -3,6 +3,7 @@
 import os
 import re
 import shutil
+import time
 
 from cells import WRITTEN, Cell, files_in, matrix
 from machine import judge_all
@@ -98,6 +99,43 @@ def test_log_has_no_place(cell, judge, world, cloud):
         assert service.api.exchange(ID_REQUEST) == ID_REPLY
     judge_all(judge, service, service.api.exchange(ID_REQUEST))
     assert service.stdout_path.read_bytes() == b""
+
+
+def emptied(pipe):
+    """What is in the pipe now."""
+    pieces = []
+    try:
+        while piece := os.read(pipe, 65536):
+            pieces.append(piece)
+    except BlockingIOError:
+        pass  # that was all
+    return b"".join(pieces)
+
+
+@matrix(
+    "Standard output",
+    Cell("standard output is a full pipe that nobody empties", reply=ID_REPLY.decode()))
+def test_log_pipe_is_full(cell, judge, world, cloud):
+    path = world.new_folder("pipe") / "stdout"
+    os.mkfifo(path)
+    pipe = os.open(path, os.O_RDONLY | os.O_NONBLOCK)
+    try:
+        service = world.start(world.document(cloud.discovery_url),
+                              wrapper=["bash", "-c", f'exec "$@" >{path}', "bash"])
+        service.wait_listening()
+        wait_until(lambda: service.api.request("certificate_id")["status"] == "ok", service.evidence)
+        for _ in range(3):  # 60 kB of log each, so that one of them meets a full pipe
+            service.api.exchange(BIG_REQUEST)
+        begin = time.monotonic()
+        for _ in range(50):
+            assert service.api.exchange(ID_REQUEST) == ID_REPLY
+        assert time.monotonic() - begin < 5, "only one line is waited for"
+        emptied(pipe)
+        service.api.exchange(ID_REQUEST)
+        assert re.search(rb"^LOG LOST \d+ lines$", emptied(pipe), re.M)
+        judge_all(judge, service, service.api.exchange(ID_REQUEST))
+    finally:
+        os.close(pipe)
 
 
 @matrix(
