@@ -23,7 +23,7 @@ constexpr const char* NOT_READY = "Cloud discovery failed. ";
   std::exit(EXIT_FAILURE);
 }
 
-/// Never throws: a text that there is no memory for is left out, so that the state is set all the same.
+/// Never throws: a text that there is no memory for gives way to a short one, so that the state is set all the same.
 std::string textOf(const std::exception& failure) noexcept {
   try {
     return failure.what();
