@@ -14,7 +14,7 @@ from support.exchanges import (ID_REPLY, ID_REQUEST, ID_SENT, INVALID_REQUEST, N
                                token_request)
 from support.fake_cloud import TOKEN_PATH
 from support.framing import LARGEST_PAYLOAD, frame
-from support.log import error, info, seconds_between
+from support.log import error, expect_waited, info
 from support.texts import (ACCEPTED, API, API_LISTENING, MANAGER, READY, not_sent_in_time, not_taken_in_time,
                            size_known, token_sent)
 from support.waiting import wait_until
@@ -364,7 +364,7 @@ def test_port_that_was_taken_is_opened_after_30_seconds(world, cloud, judge, cel
     port.close()
     service.log.wait_for(MANAGER, READY.text)
     again = wait_until(lambda: listening_again(service), "a second listener", 45)
-    assert 29.5 < seconds_between(failed, again) < 33
+    expect_waited(30, failed, again)
     judge.reply(ApiClient(port.number).exchange(ID_REQUEST))
     judge.log(service, service.log.entries().index(failed))
     judge.state(service)

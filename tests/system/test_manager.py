@@ -13,6 +13,7 @@ from support.log import LEVELS, error, info, seconds_between
 from support.texts import (API, CONFIGURING, MANAGER, READY, STOPPED, cloud_failed, configured,
                            discovery_status, first_request, good_reply, initialised, request_received, retried,
                            retrying, token_failed, without_cache)
+from support.waiting import MARGIN_SECONDS
 
 NOT_READY = {
     token_request(): ("Cloud discovery failed. ", "SSO API Getting access token failed {}"),
@@ -102,7 +103,7 @@ def test_reset_of_a_ready_service_repeats_the_whole_discovery(world, cloud):
     service.expect_log([info(MANAGER, "Reseting SSO Manager"), *retried(cloud), *good_reply(cloud), READY], since,
                        without=API)
     resetting = service.log.wait_for(MANAGER, "Reseting SSO Manager", since)
-    assert seconds_between(resetting, service.log.wait_for(MANAGER, CONFIGURING.text, since)) < 2
+    assert seconds_between(resetting, service.log.wait_for(MANAGER, CONFIGURING.text, since)) < MARGIN_SECONDS
     assert service.api.token_text() == "access/2", "the cached tokens went with the reset"
     for path, count in [(cloud.discovery_path, 2), (WELL_KNOWN_PATH, 2), (TOKEN_PATH, 2)]:
         assert len(cloud.requests(path)) == count

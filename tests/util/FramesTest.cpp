@@ -22,6 +22,7 @@ using namespace velo::ssoService;
 
 using Patience = FrameReader::Patience;
 using std::chrono::milliseconds;
+using std::chrono::seconds;
 using std::chrono::steady_clock;
 using Connection = test::SocketPair;
 
@@ -225,9 +226,11 @@ TEST(FrameReaderAtStop, WaitEndsASecondAfterTheStopLikeAnInterruptedRead) {
               EXPECT_EQ(errno, EINTR);
               EXPECT_GE(steady_clock::now() - begin, milliseconds(990));
               const auto again = steady_clock::now();
-              EXPECT_EQ(reader.readLength(), Transfer::FAILED);
-              EXPECT_EQ(errno, EINTR);
-              EXPECT_LT(steady_clock::now() - again, milliseconds(900)) << "the second was granted twice";
+              for (int number = 0; number < 10; ++number) {
+                EXPECT_EQ(reader.readLength(), Transfer::FAILED);
+                EXPECT_EQ(errno, EINTR);
+              }
+              EXPECT_LT(steady_clock::now() - again, seconds(9)) << "the second was granted more than once";
             }),
             0);
 }

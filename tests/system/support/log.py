@@ -4,7 +4,7 @@ import re
 from collections import namedtuple
 from datetime import datetime
 
-from .waiting import DEADLINE_SECONDS, wait_until
+from .waiting import DEADLINE_SECONDS, MARGIN_SECONDS, wait_until
 
 LEVELS = ("error", "warning", "info", "debug", "verbose")
 
@@ -96,6 +96,12 @@ def seconds_between(earlier, later):
     """Between two entries, midnight or not."""
     first, second = (datetime.strptime(entry.stamp, "%H:%M:%S.%f") for entry in (earlier, later))
     return (second - first).total_seconds() % 86400
+
+
+def expect_waited(seconds, earlier, later):
+    """This time passed between two entries."""
+    waited = seconds_between(earlier, later)
+    assert seconds - 0.5 < waited < seconds + MARGIN_SECONDS, f"{waited} s from {earlier} to {later}"
 
 
 def _matches(text, entry):
