@@ -30,7 +30,8 @@ std::string load(KeyCertificateProvider& source) {
     throw KCException("The private key is no RSA key of 2048 bits that can be read");
   }
   std::string id = source.getCertificateId(true);
-  const X509Owner certificate = readCertificate(source.getCertificate(false));
+  const SecretText pem(source.getCertificate(false));
+  const X509Owner certificate = readCertificate(pem.get());
   const KeyOwner publicKey(X509_get_pubkey(certificate.get()));
   if (!publicKey || !isWorkingPair(key.get(), publicKey.get())) {
     throw KCException("The private key does not belong to the certificate");

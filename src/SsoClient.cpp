@@ -16,6 +16,7 @@ namespace {
 
 constexpr const char* LOG_SOURCE = "SsoClient";
 constexpr std::size_t MOST_CACHED_BYTES = std::size_t{16} * 1024 * 1024;
+constexpr std::size_t CACHE_ENTRY_BYTES = 128;  // beside the texts, about
 
 }  // namespace
 
@@ -103,7 +104,6 @@ std::string SsoClient::getAccessToken(const std::string& scope) {
   if (cached != accessTokens.end() && cached->second.isValid(TOKEN_RENEWAL_MARGIN_SECONDS)) {
     return cached->second.getToken();
   }
-  forgetUnusableTokens();
   if (!isConfigured()) {
     retrieveTokenEndpoint();
   }
@@ -111,28 +111,19 @@ std::string SsoClient::getAccessToken(const std::string& scope) {
   return accessTokens[scope].getToken();
 }
 
-/// Drops the tokens that would be fetched anew anyway, so that scopes asked for once do not stay for ever.
-void SsoClient::forgetUnusableTokens() {
-  for (auto cached = accessTokens.begin(); cached != accessTokens.end();) {
-    cached = cached->second.isValid(TOKEN_RENEWAL_MARGIN_SECONDS) ? std::next(cached) : accessTokens.erase(cached);
-  }
-}
-
-/// Drops the other scopes' tokens when there are more than any device needs: local programs may make scopes up.
-void SsoClient::keepCacheSmall(const std::string& scope) {
+/// Empties the cache when it holds more than any device needs: local programs may make scopes up.
+void SsoClient::limitCache() {
   std::size_t bytes = 0;
-  for (const auto& [cachedScope, token] : accessTokens) {
-    bytes += cachedScope.size() + token.getToken().size();
+  for (const auto& [scope, token] : accessTokens) {
+    bytes += CACHE_ENTRY_BYTES + scope.size() + token.getToken().size();
   }
-  if (bytes <= MOST_CACHED_BYTES) {
-    return;
-  }
-  for (auto cached = accessTokens.begin(); cached != accessTokens.end();) {
-    cached = cached->first == scope ? std::next(cached) : accessTokens.erase(cached);
+  if (bytes > MOST_CACHED_BYTES) {
+    accessTokens.clear();
   }
 }
 
 void SsoClient::requestAccessToken(const std::string& scope) {
+  limitCache();
   accessTokens[scope].clear();
   const std::string assertion = createAuthenticationIdToken();
   OPENSSL_init_ssl(0, nullptr);
@@ -141,7 +132,6 @@ void SsoClient::requestAccessToken(const std::string& scope) {
     LOG_ERROR("Not a valid JSON.");
     throw SsoException("Couldn't create valid access token");
   }
-  keepCacheSmall(scope);
 }
 
 /// The token endpoint's answer.

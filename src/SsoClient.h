@@ -48,8 +48,7 @@ class SsoClient {
   std::string fetchOpenIdConfiguration();
   void readTokenEndpoint(const std::string& configuration);
   std::string postTokenRequest(const std::string& scope, const std::string& assertion);
-  void forgetUnusableTokens();
-  void keepCacheSmall(const std::string& scope);
+  void limitCache();
 
   std::string serverUrl;
   std::string clientId;

@@ -190,17 +190,38 @@ TEST_F(AccessTokenRequestTest, CacheOfMoreThanSixteenMebibytesBeginsAnew) {
   const LogReset silent;
   answer(grant(std::string(2000000, 't')));
   const auto scope = [](int number) { return std::to_string(number); };
-  for (int number = 0; number < 8; ++number) {
+  for (int number = 0; number < 9; ++number) {
     client.getAccessToken(scope(number));
   }
   client.getAccessToken(scope(0));
-  EXPECT_THAT(forms(), SizeIs(8)) << "all are kept";
-  client.getAccessToken(scope(8));
-  client.getAccessToken(scope(8));
-  EXPECT_THAT(forms(), SizeIs(9)) << "the last one is kept";
+  EXPECT_THAT(forms(), SizeIs(9)) << "all are kept";
+  client.getAccessToken(scope(9));
+  client.getAccessToken(scope(9));
+  EXPECT_THAT(forms(), SizeIs(10)) << "the last one is kept";
   client.getAccessToken(scope(0));
-  client.getAccessToken(scope(8));
-  EXPECT_THAT(forms(), SizeIs(10)) << "the others are gone";
+  client.getAccessToken(scope(9));
+  EXPECT_THAT(forms(), SizeIs(11)) << "the others are gone";
+}
+
+TEST_F(AccessTokenRequestTest, ScopesWithoutATokenCountAsWell) {
+  const LogReset silent;
+  client.getAccessToken("read");
+  answer("{}");
+  for (int number = 0; number < 16; ++number) {
+    EXPECT_NE(failure(std::string(1024 * 1024, 's') + std::to_string(number)), "nothing");
+  }
+  EXPECT_EQ(client.getAccessToken("read"), "a token") << "a scope is counted when the next one comes";
+  EXPECT_NE(failure("the next one"), "nothing");
+  EXPECT_NE(failure("read"), "nothing");
+}
+
+TEST_F(AccessTokenRequestTest, TokenThatHasExpiredServesAgainWhenTheClockIsSetBack) {
+  client.getAccessToken("read");
+  answer(grant("another"));
+  moveClock(seconds(7200));
+  EXPECT_EQ(client.getAccessToken("write"), "another");
+  moveClock(seconds(0));
+  EXPECT_EQ(client.getAccessToken("read"), "a token");
 }
 
 TEST_F(AccessTokenRequestTest, FailureLeavesTheOtherScopesTokens) {

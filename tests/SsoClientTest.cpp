@@ -113,7 +113,8 @@ TEST_F(SsoClientTest, UnreachableUrlIsReportedWithCurlsText) {
       {"ftp://" + address + "/http", CURLE_COULDNT_CONNECT},
       {"nothing://" + address + "/http", CURLE_UNSUPPORTED_PROTOCOL},
       {"http://127.0.0.1:port/", CURLE_URL_MALFORMAT},
-      {"file:///nowhere/http", CURLE_FILE_COULDNT_READ_FILE},
+      {"file:///nowhere/http", CURLE_UNSUPPORTED_PROTOCOL},
+      {"rtmp://" + address + "/http", CURLE_UNSUPPORTED_PROTOCOL},
   };
   for (const auto& row : rows) {
     SsoClient another(row.url, &provider);

@@ -13,6 +13,7 @@ FileKeyCertificateProvider::FileKeyCertificateProvider(const std::string& keyFil
 
 FileKeyCertificateProvider::~FileKeyCertificateProvider() {
   wipe(privateKey);
+  wipe(certificate);  // it may hold the key as well: one text for both is common
 }
 
 std::string FileKeyCertificateProvider::getPrivateKey(bool reload) {

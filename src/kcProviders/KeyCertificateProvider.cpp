@@ -52,7 +52,8 @@ std::string KeyCertificateProvider::getPublicKey(bool reload) {
   if (reload || publicKey.empty()) {
     const ErrorQueueCleaner cleaner;
     wipe(publicKey);
-    const X509Owner certificate = readCertificate(getCertificate(reload));
+    const SecretText pem(getCertificate(reload));
+    const X509Owner certificate = readCertificate(pem.get());
     const KeyOwner key(X509_get_pubkey(certificate.get()));
     if (!key) {
       failPublicKey("X509_get_pubkey() FAILED");
@@ -65,7 +66,8 @@ std::string KeyCertificateProvider::getPublicKey(bool reload) {
 std::string KeyCertificateProvider::getCertificateId(bool reload) {
   if (reload || certificateId.empty()) {
     const ErrorQueueCleaner cleaner;
-    const X509Owner certificate = readCertificate(getCertificate(reload));
+    const SecretText pem(getCertificate(reload));
+    const X509Owner certificate = readCertificate(pem.get());
     LOG_INFO("SSO Reading client_id from certificate subject.");
     const std::string subject = subjectLine(certificate.get());
     const std::size_t mark = subject.find('=');

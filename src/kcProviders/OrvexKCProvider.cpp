@@ -45,6 +45,7 @@ OrvexKCProvider::OrvexKCProvider(int servicePort, std::chrono::seconds limitOfRe
 
 OrvexKCProvider::~OrvexKCProvider() {
   wipe(privateKey);
+  wipe(certificate);  // it may hold the key as well: one text for both is common
 }
 
 std::string OrvexKCProvider::getPrivateKey(bool reload) {

@@ -1,6 +1,7 @@
 #include "logging/StandardOutput.h"
 
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,15 +14,8 @@ namespace {
 
 constexpr std::chrono::seconds PATIENCE{5};
 constexpr std::chrono::seconds BETWEEN_WAITS{60};
+constexpr std::chrono::milliseconds BETWEEN_LOOKS{100};
 constexpr std::size_t PIECE_BYTES = PIPE_BUF;  // what a pipe with room takes without a wait
-
-/// Waits for room until the time; an error counts as room, and shows in the write.
-bool hasRoomBy(std::chrono::steady_clock::time_point end) {
-  using std::chrono::milliseconds;
-  const auto rest = std::chrono::ceil<milliseconds>(end - std::chrono::steady_clock::now());
-  pollfd watched{STDOUT_FILENO, POLLOUT, 0};
-  return ::poll(&watched, 1, static_cast<int>(std::max(rest, milliseconds(0)).count())) != 0;
-}
 
 }  // namespace
 
@@ -47,12 +41,12 @@ void StandardOutput::write(std::string_view text) {
 
 /// False when there was no room in time. A text that cannot be written for another reason is nobody's loss: who
 /// closed standard output does not read it.
-bool StandardOutput::writeWholeBy(std::chrono::steady_clock::time_point end, std::string_view text) {
+bool StandardOutput::writeWholeBy(TimePoint end, std::string_view text) {
   while (!text.empty()) {
     if (!hasRoomBy(end)) {
       return false;
     }
-    const ssize_t count = ::write(STDOUT_FILENO, text.data(), std::min(text.size(), PIECE_BYTES));
+    const ssize_t count = writeSome(text);
     if (count < 0 && (errno == EINTR || errno == EAGAIN)) {
       continue;
     }
@@ -63,4 +57,37 @@ bool StandardOutput::writeWholeBy(std::chrono::steady_clock::time_point end, std
     isCut = !text.empty();
   }
   return true;
+}
+
+/// As much as goes without a wait once there is room: a socket may have less of it than a pipe.
+ssize_t StandardOutput::writeSome(std::string_view text) {
+  const std::size_t size = std::min(text.size(), PIECE_BYTES);
+  if (mayBeSocket) {
+    const ssize_t count = ::send(STDOUT_FILENO, text.data(), size, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (count >= 0 || errno != ENOTSOCK) {
+      return count;
+    }
+    mayBeSocket = false;
+  }
+  return ::write(STDOUT_FILENO, text.data(), size);
+}
+
+/// Waits for room until the time; an error counts as room, and shows in the write.
+bool StandardOutput::hasRoomBy(TimePoint end) {
+  using std::chrono::milliseconds;
+  pollfd watched{STDOUT_FILENO, POLLOUT, 0};
+  while (true) {
+    const auto now = std::chrono::steady_clock::now();
+    const auto rest = std::chrono::ceil<milliseconds>(std::min(end, lastEnd) - now);
+    const auto next = std::clamp<milliseconds>(rest, milliseconds(0), BETWEEN_LOOKS);
+    if (::poll(&watched, 1, static_cast<int>(next.count())) != 0) {
+      return true;
+    }
+    if (rest.count() <= 0) {
+      return false;
+    }
+    if (lastEnd == TimePoint::max() && isEnding != nullptr && isEnding()) {
+      lastEnd = now + PATIENCE;
+    }
+  }
 }

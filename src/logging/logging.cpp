@@ -298,6 +298,12 @@ const char* log_secret(const std::string& text) {
   return redactsSecrets ? "[redacted]" : text.c_str();
 }
 
+void log_hurry_when(bool (*isEnding)()) {
+  LogState& log = state();
+  const MutexGuard guard(log.lock);
+  log.standardOutput.hurryWhen(isEnding);
+}
+
 int log_init(const char* prefix, int level, int timestamps) {
   LogState& log = state();
   const MutexGuard guard(log.lock);

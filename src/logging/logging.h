@@ -30,6 +30,10 @@ void log_redact_secrets(bool redact);
 /// What a line shows in the place of a secret text: the text, which has to outlive the call, or "[redacted]".
 const char* log_secret(const std::string& text);
 
+/// Once this is true, the log waits for five more seconds in all for a reader of standard output who is slow. The
+/// condition is asked by any thread that logs, and must not log.
+void log_hurry_when(bool (*isEnding)());
+
 /// 0 when the level is set; 1 when it is not one of 0..5, or when the log's file could not be opened and standard
 /// output is used instead; the failure code of fclose when the log's file could not be closed.
 int log_set_level(int level);

@@ -72,8 +72,8 @@ Transfer FrameReader::readLength() {
   }
   std::memcpy(&announced, head, LENGTH_BYTES);
   announced = ntohl(announced);
-  payload.reserve(
-      std::min<std::size_t>(announced, CHUNK_BYTES));  // a text that grows would leave copies of a key behind
+  lengthReadAt = steady_clock::now();
+  growWiped(payload, std::min<std::size_t>(announced, CHUNK_BYTES));
   payload.assign(head + LENGTH_BYTES, std::min<std::size_t>(headCount - LENGTH_BYTES, announced));
   return Transfer::COMPLETE;
 }
@@ -82,9 +82,13 @@ Transfer FrameReader::readPayload() {
   if (announced > MAX_FRAME_BYTES) {
     return Transfer::FAILED;
   }
+  if (deadline) {
+    *deadline += steady_clock::now() - lengthReadAt;
+  }
   while (payload.size() < announced) {
     const std::size_t before = payload.size();
     const std::size_t wanted = std::min(CHUNK_BYTES, announced - before);
+    growWiped(payload, before + wanted);
     payload.resize(before + wanted);
     std::size_t count = 0;
     const Transfer outcome = readSome(payload.data() + before, wanted, count);

@@ -41,7 +41,8 @@ class FrameReader {
   /// Reads until the length is known. What arrives with it is kept for readPayload.
   Transfer readLength();
 
-  /// Reads the rest of the frame. FAILED at once for a length over MAX_FRAME_BYTES.
+  /// Reads the rest of the frame. FAILED at once for a length over MAX_FRAME_BYTES. The time between the two calls does
+  /// not count: it is not the other side that was slow.
   Transfer readPayload();
 
   std::uint32_t length() const { return announced; }
@@ -57,8 +58,9 @@ class FrameReader {
 
   const int connection;
   const Patience patience;
-  const Deadline deadline;
+  Deadline deadline;
   Deadline graceEnd;  // once a stop is seen
+  std::chrono::steady_clock::time_point lengthReadAt;
   std::uint32_t announced = 0;
   std::string payload;  // wiped: it may carry a private key or a token
 };

@@ -3,6 +3,24 @@
 #include <new>
 
 namespace velo::ssoService {
+namespace {
+
+/// libcurl reads files, be they devices or pipes, and speaks RTMP without a look at the time limit. Nothing is lost:
+/// neither has a status that stands for success.
+constexpr long PROTOCOLS_WITHOUT_TIME_LIMIT = CURLPROTO_FILE | CURLPROTO_RTMP | CURLPROTO_RTMPT | CURLPROTO_RTMPE |
+                                              CURLPROTO_RTMPTE | CURLPROTO_RTMPS | CURLPROTO_RTMPTS;
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+/// The option in the place of this one takes names and came with libcurl 7.85, which devices may not have.
+constexpr CURLoption PROTOCOLS_OPTION = CURLOPT_PROTOCOLS;
+#pragma GCC diagnostic pop
+
+}  // namespace
+
+HttpExchange::HttpExchange() : handle(curl_easy_init()) {
+  set(PROTOCOLS_OPTION, CURLPROTO_ALL & ~PROTOCOLS_WITHOUT_TIME_LIMIT);
+}
 
 std::size_t appendToString(char* data, std::size_t size, std::size_t count, void* target) {
   std::string& body = *static_cast<std::string*>(target);

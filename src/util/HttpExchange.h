@@ -30,7 +30,7 @@ class HttpLibrary {
 class HttpExchange {
  public:
   /// isReady tells whether curl_easy_init gave a handle; nothing else may be called without one.
-  HttpExchange() : handle(curl_easy_init()) {}
+  HttpExchange();
   bool isReady() const { return handle != nullptr; }
 
   /// curl_easy_setopt. Long options take a long; texts are copied by libcurl, except CURLOPT_POSTFIELDS, whose text has

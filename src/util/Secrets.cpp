@@ -49,4 +49,15 @@ void wipe(std::string& text) {
   text.clear();
 }
 
+void growWiped(std::string& text, std::size_t bytes) {
+  if (bytes <= text.capacity()) {
+    return;
+  }
+  std::string larger;
+  larger.reserve(std::max(bytes, 2 * text.capacity()));
+  larger = text;
+  wipe(text);
+  text.swap(larger);
+}
+
 }  // namespace velo::ssoService

@@ -11,6 +11,10 @@ namespace velo::ssoService {
 /// Overwrites a text's bytes, then empties it: assigning an empty text alone would leave them in memory.
 void wipe(std::string& text);
 
+/// Makes room for that many bytes, and more when there was room for some, so that growing step by step costs little. A
+/// text that grows by itself leaves copies behind; here the old place is wiped.
+void growWiped(std::string& text, std::size_t bytes);
+
 /// From now on OpenSSL overwrites what it frees: it leaves the decoded form of a private key that it reads in memory
 /// otherwise. To be called before any other use of OpenSSL, which would make it void.
 void wipeMemoryOfOpenSsl();

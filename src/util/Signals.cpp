@@ -72,6 +72,7 @@ void takeSignals() {
   sigaddset(&reloadSignals, SIGHUP);
   stopDescriptor = blockSignals(stopSignals);
   reloadDescriptor = blockSignals(reloadSignals);
+  log_hurry_when(isStopPending);
   handle(SIGTERM, onStopSignal);
   handle(SIGINT, onStopSignal);
   // A handler that interrupts could lock the log for good: better no reload than that.

@@ -80,11 +80,12 @@ def provider(request, world):
     return result
 
 
-def expect_text_alone(service, pem):
-    """Of the key there is its text, once and whole."""
+def expect_text_alone(service, pem, times=1):
+    """Of the key there is its text, whole, and once if it is not in the certificate's text as well."""
     forms = forms_of_key(pem)
     found = traces(service.process.pid, forms)
-    assert [(trace.form, trace.length) for trace in found] == [("text", len(forms["text"]))], [*map(str, found)]
+    expected = [("text", len(forms["text"]))] * times
+    assert [(trace.form, trace.length) for trace in found] == expected, [*map(str, found)]
 
 
 def expect_nothing(service, pem):
@@ -191,7 +192,35 @@ def test_a_key_that_comes_with_more_than_itself(world, cloud, environment):
     expect_text_alone(service, pem)
 
 
+def test_a_key_with_a_long_text_behind_it(world, cloud, environment):
+    """Which is read in pieces."""
+    pem = world.device.key_pem
+    provider = KeyService(world)
+    provider.service.script(PRIVATE_KEY, framed(pem + b"#" * 200000))
+    service = start(world, cloud, environment, provider).wait_ready()
+    service.api.token_text()
+    expect_text_alone(service, pem)
+
+
 # --- a reload
+
+def test_a_certificates_text_that_holds_the_key_as_well(world, cloud, environment, provider, other_device):
+    def have(device):
+        both = device.key_pem + device.certificate_pem
+        provider.have(both, both)
+    have(world.device)
+    service = start(world, cloud, environment, provider).wait_ready()
+    service.api.token_text()
+    expect_text_alone(service, world.device.key_pem, times=2)
+    have(other_device)
+    cloud.know(other_device)
+    since = service.log.mark()
+    service.send_signal(signal.SIGHUP)
+    service.wait_ready(since)
+    service.api.token_text()
+    expect_nothing(service, world.device.key_pem)
+    expect_text_alone(service, other_device.key_pem, times=2)
+
 
 def test_nothing_is_left_of_a_key_that_was_replaced(world, cloud, environment, provider, other_device):
     service = start(world, cloud, environment, provider).wait_ready()

@@ -11,9 +11,9 @@ from support.api_client import ApiClient
 from support.fake_cloud import TOKEN_PATH, WELL_KNOWN_PATH
 from support.http_server import Reply
 from support.texts import MANAGER, STOPPED
+from support.waiting import MARGIN_SECONDS
 
 STOPS = 75  # of each cell
-STOP_SECONDS = 2
 REQUESTS = ['{"request":"token","scope":"a"}', '{"request":"data"}', '{"request":"certificate_id"}', "{",
             '{"request":"token","scope":"b"}']
 
@@ -65,7 +65,7 @@ def stopped_under_load(world, document, requests, seconds):
     time.sleep(seconds)
     service.send_signal()
     try:
-        service.wait_exit(STOP_SECONDS)
+        service.wait_exit(MARGIN_SECONDS)
     finally:
         over.set()
         for client in clients:

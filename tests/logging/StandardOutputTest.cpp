@@ -15,6 +15,7 @@
 #include "logging/StandardOutput.h"
 #include "support/ChildProcess.h"
 #include "util/Descriptor.h"
+#include "util/Loopback.h"
 
 namespace test {
 namespace {
@@ -137,6 +138,63 @@ TEST(StandardOutputTest, ReaderThatIsTooSlowLosesTheRest) {
               const auto duration = timeOf([&] { output.write(std::string(1000000, 'x')); });
               EXPECT_GE(duration, 5s);
               EXPECT_LT(duration, 30s);
+              isDone = true;
+              reader.join();
+            }),
+            0);
+}
+
+/// poll tells of room when a third of a socket's buffer is free, which may be less than a piece.
+TEST(StandardOutputTest, SocketWithLittleRoomIsNotWaitedForInTheWrite) {
+  EXPECT_EQ(runInChild([] {
+              const int small = 4000;
+              const Descriptor listener(::socket(AF_INET, SOCK_STREAM, 0));
+              ::setsockopt(listener.get(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+              sockaddr_in address = velo::ssoService::loopbackAddress(0);
+              socklen_t length = sizeof address;
+              ASSERT_EQ(::bind(listener.get(), reinterpret_cast<sockaddr*>(&address), length), 0);
+              ASSERT_EQ(::listen(listener.get(), 1), 0);
+              ASSERT_EQ(::getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &length), 0);
+              const Descriptor writing(::socket(AF_INET, SOCK_STREAM, 0));
+              ::setsockopt(writing.get(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+              ASSERT_EQ(::connect(writing.get(), reinterpret_cast<sockaddr*>(&address), length), 0);
+              ::dup2(writing.get(), STDOUT_FILENO);
+              StandardOutput output;
+              const auto duration = timeOf([&] {
+                for (int number = 0; number < 100; ++number) {
+                  output.write(std::string(4096, 'x'));
+                }
+              });
+              EXPECT_GE(duration, 5s) << "the buffers are not full";
+              EXPECT_LT(duration, 30s);
+            }),
+            0);
+}
+
+std::atomic<bool> isEnding{false};
+
+TEST(StandardOutputTest, AllWaitsTogetherTakeFiveSecondsOnceTheProcessIsEnding) {
+  EXPECT_EQ(runInChild([] {
+              const Pipe pipe;
+              std::atomic<bool> isDone{false};
+              std::thread reader([&] {
+                while (!isDone) {
+                  std::this_thread::sleep_for(1s);
+                  pipe.take(4096);
+                }
+              });
+              StandardOutput output;
+              output.hurryWhen([] { return isEnding.load(); });
+              const auto writeLines = [&](int count) {
+                for (int number = 0; number < count; ++number) {
+                  output.write(std::string(4095, 'x') + "\n");
+                }
+              };
+              EXPECT_GE(timeOf([&] { writeLines(12); }), 5500ms) << "each line has its own five seconds";
+              isEnding = true;
+              const auto duration = timeOf([&] { writeLines(40); });
+              EXPECT_GE(duration, 4s);
+              EXPECT_LT(duration, 20s);
               isDone = true;
               reader.join();
             }),

@@ -1,5 +1,7 @@
 """Looking up the token endpoint in the identity provider's OpenID configuration."""
 
+import os
+
 import pytest
 
 from support.curl_text import (COULD_NOT_CONNECT, GOT_NOTHING, PARTIAL_FILE, RECEIVE_ERROR, TOO_MANY_REDIRECTS,
@@ -141,6 +143,27 @@ def test_url_with_the_letters_http_anywhere_fails_in_the_transfer(world, cloud, 
     service = world.start_ready(cloud)
     expect_token_failure(service, [
         *looking_up(url), error(CLIENT, f"curl_easy_perform() failed: {curl_text(COULD_NOT_CONNECT)}")])
+
+
+@pytest.fixture
+def fifo(tmp_path):
+    os.mkfifo(tmp_path / "fifo")
+    return tmp_path / "fifo"
+
+
+@pytest.mark.parametrize("form", ["file:///dev/ptmx", "FILE:/dev/ptmx", "file://{fifo}", "rtmp://127.0.0.1:1/x"])
+def test_endpoint_that_libcurl_would_wait_for_without_limit_is_refused(world, cloud, fifo, form):
+    """The token endpoint, and the URL of the configuration that names it."""
+    cloud.token_endpoint = form.format(fifo=fifo)
+    service = world.start_ready(cloud)
+    refused = error(CLIENT, f"curl_easy_perform() failed: {curl_text(UNSUPPORTED_PROTOCOL)}")
+    for count in (1, 2):
+        assert service.api.exchange(token_request()) == TOKEN_REFUSED
+        assert service.log.count(CLIENT, refused.text) == count
+        cloud.well_known_in_payload = form.format(fifo=fifo) + "?http"
+        again = service.log.mark()
+        assert service.api.request("reset")["status"] == "ok"
+        service.wait_ready(again)
 
 
 def test_endpoint_is_forgotten_with_a_reset(world, cloud):

@@ -67,6 +67,24 @@ TEST_P(FrameDeadline, LateBytesAreNotTaken) {
   EXPECT_EQ(FrameReader(near.get(), GetParam(), deadline).readLength(), Transfer::TIMED_OUT);
 }
 
+TEST_P(FrameDeadline, TimeBetweenLengthAndPayloadDoesNotCount) {
+  send(frame(std::string(1000, 'x')));
+  FrameReader reader(near.get(), GetParam(), deadline);
+  EXPECT_EQ(reader.readLength(), Transfer::COMPLETE);
+  std::this_thread::sleep_until(*deadline + 1s);
+  EXPECT_EQ(reader.readPayload(), Transfer::COMPLETE);
+  EXPECT_EQ(reader.text(), std::string(1000, 'x'));
+}
+
+TEST_P(FrameDeadline, CountsFromWhereItWasWhenThePayloadIsAwaited) {
+  send(frame(std::string(1000, 'x')).substr(0, 500));
+  FrameReader reader(near.get(), GetParam(), deadline);
+  EXPECT_EQ(reader.readLength(), Transfer::COMPLETE);
+  std::this_thread::sleep_until(*deadline);
+  EXPECT_EQ(reader.readPayload(), Transfer::TIMED_OUT);
+  expectLimit();
+}
+
 TEST_P(FrameDeadline, FrameInTimeIsRead) {
   send(frame("payload"));
   FrameReader reader(near.get(), GetParam(), steady_clock::now() + 30s);

@@ -9,6 +9,7 @@
 
 namespace {
 
+using velo::ssoService::growWiped;
 using velo::ssoService::SecretText;
 using velo::ssoService::wipe;
 
@@ -55,6 +56,26 @@ TEST(Secrets, WipeOverwritesWhatALongerTextLeftBehind) {
                  shorten(text);
                  wipe(text);
                }).holds("ret"));
+}
+
+TEST(Secrets, GrowingMakesRoomAndWipesTheOldPlace) {
+  const std::string text = "the beginning";
+  EXPECT_TRUE(Grave<std::string>(text, [](std::string& growing) { growing.reserve(100); }).holds("nning"))
+      << "this way of looking sees nothing";
+  EXPECT_FALSE(Grave<std::string>(text, [&](std::string& growing) {
+                 growWiped(growing, 100);
+                 EXPECT_GE(growing.capacity(), 100U);
+                 EXPECT_EQ(growing, text);
+               }).holds("nning"));
+}
+
+TEST(Secrets, GrowingStepByStepDoublesAndNeverShrinks) {
+  std::string text;
+  growWiped(text, 1000);
+  growWiped(text, 1001);
+  EXPECT_GE(text.capacity(), 2000U);
+  growWiped(text, 10);
+  EXPECT_GE(text.capacity(), 2000U);
 }
 
 TEST(Secrets, SecretTextIsWipedWithItsScope) {
