@@ -53,8 +53,8 @@ std::atomic<int> stopRequested{0};
 std::atomic<int> reloadRequested{0};
 
 void onStopSignal(int /*signo*/) {
+  stopRequested = 1;  // first: from now on the log waits for nobody for long
   LOG_INFO("Received STOP signal");
-  stopRequested = 1;
 }
 
 void onReloadSignal(int /*signo*/) {

@@ -1,18 +1,20 @@
 """The place of the log goes away, fills up, or cannot be written."""
 
+import fcntl
 import os
 import re
 import shutil
+import threading
 import time
 
-from cells import WRITTEN, Cell, files_in, matrix
-from machine import judge_all
+from cells import ENDED, WRITTEN, Cell, files_in, matrix
+from machine import hammer, judge_all
 
 from support.exchanges import ID_REPLY, ID_REQUEST, ID_SENT
 from support.log import Log
 from support.small_disk import SmallDisk
 from support.texts import READY
-from support.waiting import MARGIN_SECONDS, wait_until
+from support.waiting import DEADLINE_SECONDS, MARGIN_SECONDS, wait_until
 
 BIG_REQUEST = b'{"request":"%s"}' % (b"x" * 20000)
 
@@ -136,6 +138,43 @@ def test_log_pipe_is_full(cell, judge, world, cloud):
         judge_all(judge, service, service.api.exchange(ID_REQUEST))
     finally:
         os.close(pipe)
+
+
+def read(pipe, slowly, over):
+    """Everything; slowly: just fast enough for each line to be written in the end."""
+    while os.read(pipe, 4096) and not over.wait(4 if slowly.is_set() else 0):
+        pass
+
+
+@matrix(
+    "Standard output",
+    Cell("standard output is a pipe with a slow reader, and the service is to stop", state=ENDED))
+def test_stop_with_a_slow_reader_of_the_log(cell, judge, world, cloud):
+    path = world.new_folder("pipe") / "stdout"
+    os.mkfifo(path)
+    document = world.document(cloud.discovery_url, ports=[world.new_port() for _ in range(8)])
+    service = world.start(document, wrapper=["bash", "-c", f'exec "$@" >{path}', "bash"])
+    pipe = os.open(path, os.O_RDONLY)
+    fcntl.fcntl(pipe, fcntl.F_SETPIPE_SZ, 4096)
+    slowly, over = threading.Event(), threading.Event()
+    threads = [threading.Thread(target=hammer, args=(each["port"], ["x" * 4000], over))
+               for each in service.section["api_providers"]]
+    threads.append(threading.Thread(target=read, args=(pipe, slowly, over)))
+    for thread in threads:
+        thread.start()
+    try:
+        service.wait_listening()
+        wait_until(lambda: service.api.request("certificate_id")["status"] == "ok", service.evidence)
+        slowly.set()
+        time.sleep(1)  # until all of them wait for the reader
+        service.send_signal()
+        service.wait_exit(DEADLINE_SECONDS)
+    finally:
+        over.set()
+        for thread in threads:
+            thread.join()
+        os.close(pipe)
+    judge_all(judge, service)
 
 
 @matrix(

@@ -5,9 +5,8 @@ import threading
 import time
 
 from cells import ENDED, Cell, matrix
-from machine import judge_all
+from machine import hammer, judge_all
 
-from support.api_client import ApiClient
 from support.fake_cloud import TOKEN_PATH, WELL_KNOWN_PATH
 from support.http_server import Reply
 from support.texts import MANAGER, STOPPED
@@ -71,16 +70,3 @@ def stopped_under_load(world, document, requests, seconds):
         for client in clients:
             client.join()
     return service
-
-
-def hammer(port, requests, over):
-    """One request after the other, whether there is somebody to answer them or not."""
-    client = ApiClient(port)
-    while not over.is_set():
-        for request in requests:
-            try:
-                client.exchange(request)
-            except (OSError, EOFError, AssertionError):
-                over.wait(0.002)
-            if over.is_set():
-                return
