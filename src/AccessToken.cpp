@@ -44,7 +44,7 @@ void AccessToken::readToken(const std::string& responseJson) {
 }
 
 void AccessToken::clear() {
-  token.clear();
+  std::string().swap(token);
   expiresAt = 0;
 }
 

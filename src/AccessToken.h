@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -14,9 +15,13 @@ class AccessToken {
   /// Never throws.
   explicit AccessToken(const std::string& responseJson) noexcept;
 
+  /// Gives the memory back as well.
   void clear();
 
   std::string getToken() const { return token; }
+
+  /// The memory that it takes, beside the object itself.
+  std::size_t size() const { return token.capacity(); }
 
   /// Whether there is a token that does not expire for at least so many seconds.
   bool isValid(std::uint32_t marginSeconds) const;

@@ -115,7 +115,7 @@ std::string SsoClient::getAccessToken(const std::string& scope) {
 void SsoClient::limitCache() {
   std::size_t bytes = 0;
   for (const auto& [scope, token] : accessTokens) {
-    bytes += CACHE_ENTRY_BYTES + scope.size() + token.getToken().size();
+    bytes += CACHE_ENTRY_BYTES + scope.size() + token.size();
   }
   if (bytes > MOST_CACHED_BYTES) {
     accessTokens.clear();

@@ -158,6 +158,13 @@ TEST_F(AccessTokenTest, ClearedTokenIsNoToken) {
   EXPECT_FALSE(token.isValid(0));
 }
 
+TEST_F(AccessTokenTest, ClearedTokenGivesItsMemoryBack) {
+  AccessToken token(R"({"access_token":")" + std::string(100000, 't') + R"(","expires_in":3600})");
+  EXPECT_GE(token.size(), 100000U);
+  token.clear();
+  EXPECT_LT(token.size(), 100U);
+}
+
 TEST_F(AccessTokenTest, Levels) {
   const struct {
     int level;

@@ -110,11 +110,11 @@ TEST_F(SsoClientTest, UnreachableUrlIsReportedWithCurlsText) {
   } rows[] = {
       {"http://" + address + "/", CURLE_COULDNT_CONNECT},
       {address + "/some/http/path", CURLE_COULDNT_CONNECT},
-      {"ftp://" + address + "/http", CURLE_COULDNT_CONNECT},
+      {"https://" + address + "/", CURLE_COULDNT_CONNECT},
+      {"ftp://" + address + "/http", CURLE_UNSUPPORTED_PROTOCOL},
       {"nothing://" + address + "/http", CURLE_UNSUPPORTED_PROTOCOL},
       {"http://127.0.0.1:port/", CURLE_URL_MALFORMAT},
       {"file:///nowhere/http", CURLE_UNSUPPORTED_PROTOCOL},
-      {"rtmp://" + address + "/http", CURLE_UNSUPPORTED_PROTOCOL},
   };
   for (const auto& row : rows) {
     SsoClient another(row.url, &provider);

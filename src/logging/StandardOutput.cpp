@@ -9,12 +9,14 @@
 #include <chrono>
 #include <climits>
 #include <cstdio>
+#include <thread>
 
 namespace {
 
 constexpr std::chrono::seconds PATIENCE{5};
 constexpr std::chrono::seconds BETWEEN_WAITS{60};
-constexpr std::chrono::milliseconds BETWEEN_LOOKS{100};
+constexpr std::chrono::milliseconds AFTER_A_REFUSAL{10};
+constexpr int MILLISECONDS_BETWEEN_LOOKS = 100;
 constexpr std::size_t PIECE_BYTES = PIPE_BUF;  // what a pipe with room takes without a wait
 
 }  // namespace
@@ -47,7 +49,14 @@ bool StandardOutput::writeWholeBy(TimePoint end, std::string_view text) {
       return false;
     }
     const ssize_t count = writeSome(text);
-    if (count < 0 && (errno == EINTR || errno == EAGAIN)) {
+    if (count < 0 && errno == EINTR) {
+      continue;
+    }
+    if (count < 0 && errno == EAGAIN) {  // in spite of the room
+      if (isOver(end)) {
+        return false;
+      }
+      std::this_thread::sleep_for(AFTER_A_REFUSAL);
       continue;
     }
     if (count <= 0) {
@@ -74,20 +83,20 @@ ssize_t StandardOutput::writeSome(std::string_view text) {
 
 /// Waits for room until the time; an error counts as room, and shows in the write.
 bool StandardOutput::hasRoomBy(TimePoint end) {
-  using std::chrono::milliseconds;
   pollfd watched{STDOUT_FILENO, POLLOUT, 0};
-  while (true) {
-    const auto now = std::chrono::steady_clock::now();
-    const auto rest = std::chrono::ceil<milliseconds>(std::min(end, lastEnd) - now);
-    const auto next = std::clamp<milliseconds>(rest, milliseconds(0), BETWEEN_LOOKS);
-    if (::poll(&watched, 1, static_cast<int>(next.count())) != 0) {
-      return true;
-    }
-    if (rest.count() <= 0) {
+  for (int limit = 0; ::poll(&watched, 1, limit) == 0; limit = MILLISECONDS_BETWEEN_LOOKS) {
+    if (isOver(end)) {
       return false;
     }
-    if (lastEnd == TimePoint::max() && isEnding != nullptr && isEnding()) {
-      lastEnd = now + PATIENCE;
-    }
   }
+  return true;
+}
+
+/// Whether nothing is waited for any more.
+bool StandardOutput::isOver(TimePoint end) {
+  const auto now = std::chrono::steady_clock::now();
+  if (lastEnd == TimePoint::max() && isEnding != nullptr && isEnding()) {
+    lastEnd = now + PATIENCE;
+  }
+  return now >= std::min(end, lastEnd);
 }

@@ -22,6 +22,7 @@ class StandardOutput {
 
   bool writeWholeBy(TimePoint end, std::string_view text);
   bool hasRoomBy(TimePoint end);
+  bool isOver(TimePoint end);
   ssize_t writeSome(std::string_view text);
 
   bool (*isEnding)() = nullptr;

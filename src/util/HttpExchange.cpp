@@ -5,10 +5,9 @@
 namespace velo::ssoService {
 namespace {
 
-/// libcurl reads files, be they devices or pipes, and speaks RTMP without a look at the time limit. Nothing is lost:
-/// neither has a status that stands for success.
-constexpr long PROTOCOLS_WITHOUT_TIME_LIMIT = CURLPROTO_FILE | CURLPROTO_RTMP | CURLPROTO_RTMPT | CURLPROTO_RTMPE |
-                                              CURLPROTO_RTMPTE | CURLPROTO_RTMPS | CURLPROTO_RTMPTS;
+/// The time limit of a transfer holds for these. libcurl reads files, be they devices or pipes, without a look at it,
+/// and says good-bye to FTP and mail servers for two minutes.
+constexpr long PROTOCOLS = CURLPROTO_HTTP | CURLPROTO_HTTPS;
 
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
@@ -19,7 +18,7 @@ constexpr CURLoption PROTOCOLS_OPTION = CURLOPT_PROTOCOLS;
 }  // namespace
 
 HttpExchange::HttpExchange() : handle(curl_easy_init()) {
-  set(PROTOCOLS_OPTION, CURLPROTO_ALL & ~PROTOCOLS_WITHOUT_TIME_LIMIT);
+  set(PROTOCOLS_OPTION, PROTOCOLS);
 }
 
 std::size_t appendToString(char* data, std::size_t size, std::size_t count, void* target) {

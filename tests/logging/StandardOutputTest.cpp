@@ -173,13 +173,15 @@ TEST(StandardOutputTest, SocketWithLittleRoomIsNotWaitedForInTheWrite) {
 
 std::atomic<bool> isEnding{false};
 
-TEST(StandardOutputTest, AllWaitsTogetherTakeFiveSecondsOnceTheProcessIsEnding) {
+class SlowReader : public ::testing::TestWithParam<std::chrono::milliseconds> {};
+
+TEST_P(SlowReader, HasFiveSecondsForAllLinesTogetherOnceTheProcessIsEnding) {
   EXPECT_EQ(runInChild([] {
               const Pipe pipe;
               std::atomic<bool> isDone{false};
               std::thread reader([&] {
                 while (!isDone) {
-                  std::this_thread::sleep_for(1s);
+                  std::this_thread::sleep_for(GetParam());
                   pipe.take(4096);
                 }
               });
@@ -190,9 +192,10 @@ TEST(StandardOutputTest, AllWaitsTogetherTakeFiveSecondsOnceTheProcessIsEnding) 
                   output.write(std::string(4095, 'x') + "\n");
                 }
               };
-              EXPECT_GE(timeOf([&] { writeLines(12); }), 5500ms) << "each line has its own five seconds";
+              const int linesInSixSeconds = static_cast<int>(6s / GetParam());
+              EXPECT_GE(timeOf([&] { writeLines(4 + linesInSixSeconds); }), 5500ms) << "each has its own five seconds";
               isEnding = true;
-              const auto duration = timeOf([&] { writeLines(40); });
+              const auto duration = timeOf([&] { writeLines(5 * linesInSixSeconds); });
               EXPECT_GE(duration, 4s);
               EXPECT_LT(duration, 20s);
               isDone = true;
@@ -200,6 +203,8 @@ TEST(StandardOutputTest, AllWaitsTogetherTakeFiveSecondsOnceTheProcessIsEnding) 
             }),
             0);
 }
+
+INSTANTIATE_TEST_SUITE_P(Paces, SlowReader, ::testing::Values(50ms, 1s));
 
 TEST(StandardOutputTest, WithoutAReaderNothingIsWaitedFor) {
   EXPECT_EQ(runInChild([] {
