@@ -204,6 +204,14 @@ def test_a_key_with_a_long_text_behind_it(world, cloud, environment):
 
 # --- a reload
 
+def read_again(service):
+    """A token with the new key and certificate."""
+    since = service.log.mark()
+    service.send_signal(signal.SIGHUP)
+    service.wait_ready(since)
+    service.api.token_text()
+
+
 def test_a_certificates_text_that_holds_the_key_as_well(world, cloud, environment, provider, other_device):
     def have(device):
         both = device.key_pem + device.certificate_pem
@@ -214,10 +222,7 @@ def test_a_certificates_text_that_holds_the_key_as_well(world, cloud, environmen
     expect_text_alone(service, world.device.key_pem, times=2)
     have(other_device)
     cloud.know(other_device)
-    since = service.log.mark()
-    service.send_signal(signal.SIGHUP)
-    service.wait_ready(since)
-    service.api.token_text()
+    read_again(service)
     expect_nothing(service, world.device.key_pem)
     expect_text_alone(service, other_device.key_pem, times=2)
 
@@ -227,10 +232,7 @@ def test_nothing_is_left_of_a_key_that_was_replaced(world, cloud, environment, p
     service.api.token_text()
     provider.have(other_device.key_pem, other_device.certificate_pem)
     cloud.know(other_device)
-    since = service.log.mark()
-    service.send_signal(signal.SIGHUP)
-    service.wait_ready(since)
-    service.api.token_text()
+    read_again(service)
     expect_nothing(service, world.device.key_pem)
     expect_text_alone(service, other_device.key_pem)
 
