@@ -20,7 +20,7 @@ class AccessToken {
 
   std::string getToken() const { return token; }
 
-  /// The memory that it takes, beside the object itself.
+  /// About the memory that its text takes.
   std::size_t size() const { return token.capacity(); }
 
   /// Whether there is a token that does not expire for at least so many seconds.

@@ -9,6 +9,8 @@
 namespace fuzz {
 namespace {
 
+// CURLOPT_PROTOCOLS, by its number: newer headers call the name deprecated.
+constexpr auto PROTOCOLS_OPTION = static_cast<CURLoption>(CURLOPTTYPE_LONG + 181);
 constexpr std::size_t BLANKS = 16384;
 constexpr std::size_t MOST_BLANKS = std::size_t{4} * 1024 * 1024;
 
@@ -37,6 +39,13 @@ bool deliver(Handle& handle, std::string bytes, std::size_t piece) {
     }
   }
   return true;
+}
+
+/// Every request is; the numbers that are left are the request's own.
+void requireHttpAlone(HttpRequest& request) {
+  const auto protocols = request.numbers.extract(PROTOCOLS_OPTION);
+  require(!protocols.empty() && protocols.mapped() == (CURLPROTO_HTTP | CURLPROTO_HTTPS),
+          "a request speaks HTTP and HTTPS alone");
 }
 
 CURLcode transfer(Handle& handle) {
@@ -141,6 +150,7 @@ CURLcode __wrap_curl_easy_setopt(CURL* handle, unsigned number, ...) {
 
 CURLcode __wrap_curl_easy_perform(CURL* handle);
 CURLcode __wrap_curl_easy_perform(CURL* handle) {
+  fuzz::requireHttpAlone(fuzz::handleOf(handle).request);
   fuzz::requests.push_back(fuzz::handleOf(handle).request);
   return fuzz::transfer(fuzz::handleOf(handle));
 }

@@ -18,7 +18,9 @@ constexpr CURLoption PROTOCOLS_OPTION = CURLOPT_PROTOCOLS;
 }  // namespace
 
 HttpExchange::HttpExchange() : handle(curl_easy_init()) {
-  set(PROTOCOLS_OPTION, PROTOCOLS);
+  if (isReady()) {
+    set(PROTOCOLS_OPTION, PROTOCOLS);
+  }
 }
 
 std::size_t appendToString(char* data, std::size_t size, std::size_t count, void* target) {

@@ -11,8 +11,8 @@ extern std::atomic<int> stopRequested;
 /// 1 after a reload signal has been handled; who reloads sets it back.
 extern std::atomic<int> reloadRequested;
 
-/// The handler of SIGTERM and SIGINT: logs and sets stopRequested. It locks the log, so it must not interrupt a thread:
-/// the signals are blocked everywhere and handed to it as an ordinary call (see below).
+/// The handler of SIGTERM and SIGINT: sets stopRequested, then logs. It locks the log, so it must not interrupt a
+/// thread: the signals are blocked everywhere and handed to it as an ordinary call (see below).
 void onStopSignal(int signo);
 
 /// The handler of SIGHUP, in the same way: logs and sets reloadRequested.

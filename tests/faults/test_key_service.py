@@ -331,7 +331,7 @@ def test_connection_is_given_up_after_10_seconds(world, cloud, key_service, judg
         judge_state(judge, service)
     *_, asked = (entry for entry in service.log.entries() if entry.text.endswith("socket successfully created")
                  and entry.source == ORVEX)
-    expect_waited(10, asked, service.log.wait_for(ORVEX, UNREACHABLE))
+    expect_waited(10, asked, service.log.wait_for(ORVEX, UNREACHABLE), margin=5)
     key_service.listen()
     expect_recovery(service)
     judge.status(service)

@@ -14,7 +14,7 @@ from support.exchanges import ID_REPLY, ID_REQUEST, ID_SENT
 from support.log import Log
 from support.small_disk import SmallDisk
 from support.texts import READY
-from support.waiting import DEADLINE_SECONDS, MARGIN_SECONDS, wait_until
+from support.waiting import DEADLINE_SECONDS, wait_until
 
 BIG_REQUEST = b'{"request":"%s"}' % (b"x" * 20000)
 
@@ -131,7 +131,7 @@ def test_log_pipe_is_full(cell, judge, world, cloud):
         begin = time.monotonic()
         for _ in range(50):
             assert service.api.exchange(ID_REQUEST) == ID_REPLY
-        assert time.monotonic() - begin < MARGIN_SECONDS, "only one line is waited for"
+        assert time.monotonic() - begin < 5, "only one line is waited for, five seconds, and that is over"
         emptied(pipe)
         service.api.exchange(ID_REQUEST)
         assert re.search(rb"^LOG LOST \d+ lines$", emptied(pipe), re.M)

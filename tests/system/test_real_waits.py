@@ -99,7 +99,7 @@ def test_key_service_that_does_not_take_the_connection_is_given_up_after_10_seco
     assert service.wait_failed() == "Orvex Key Certificate socket couldn't be open"
     created = service.log.wait_for(ORVEX, "Orvex Key Certificate socket successfully created")
     failed = service.log.wait_for(ORVEX, "Orvex Key Certificate socket couldn't be open")
-    expect_waited(10, created, failed)
+    expect_waited(10, created, failed, margin=5)
 
 
 @pytest.mark.parametrize("name", ["discovery stalls", "discovery drips"])

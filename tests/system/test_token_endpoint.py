@@ -151,7 +151,8 @@ def fifo(tmp_path):
     return tmp_path / "fifo"
 
 
-@pytest.mark.parametrize("form", ["file:///dev/ptmx", "FILE:/dev/ptmx", "file://{fifo}", "ftp://127.0.0.1:1/x", "imap://127.0.0.1:1/x"])
+@pytest.mark.parametrize("form", ["file:///dev/ptmx", "FILE:/dev/ptmx", "file://{fifo}", "ftp://127.0.0.1:1/x",
+                                  "imap://127.0.0.1:1/x"])
 def test_endpoint_of_another_scheme_than_http_is_refused(world, cloud, fifo, form):
     """The token endpoint, and the URL of the configuration that names it: some would be waited for beyond the limit."""
     cloud.token_endpoint = form.format(fifo=fifo)

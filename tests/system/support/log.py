@@ -98,10 +98,10 @@ def seconds_between(earlier, later):
     return (second - first).total_seconds() % 86400
 
 
-def expect_waited(seconds, earlier, later):
+def expect_waited(seconds, earlier, later, margin=MARGIN_SECONDS):
     """This time passed between two entries."""
     waited = seconds_between(earlier, later)
-    assert seconds - 0.5 < waited < seconds + MARGIN_SECONDS, f"{waited} s from {earlier} to {later}"
+    assert seconds - 0.5 < waited < seconds + margin, f"{waited} s from {earlier} to {later}"
 
 
 def _matches(text, entry):

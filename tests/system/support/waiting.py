@@ -5,7 +5,7 @@ import time
 
 # Long enough for a sanitizer build on a busy machine; a test that passes never comes near it. An emulator needs more.
 DEADLINE_SECONDS = int(os.environ.get("SSO_DEADLINE_SECONDS", "20"))
-# How late a busy machine may be: much less than what would take place in the stead of what is expected.
+# How late a busy machine may be: much less than what would take place in place of what is expected.
 MARGIN_SECONDS = DEADLINE_SECONDS / 2
 
 
