@@ -151,16 +151,14 @@ std::string expectedCall(Client& client, const std::string& scope, const HttpAns
   if (isUsable(client.tokens[scope], client.now)) {
     return client.tokens[scope].text;
   }
-  for (auto entry = client.tokens.begin(); entry != client.tokens.end();) {
-    entry = isUsable(entry->second, client.now) ? std::next(entry) : client.tokens.erase(entry);
-  }
   if (client.endpoint.empty()) {
     client.endpoint = expectedEndpoint(configuration, client);
   }
+  Token& token = client.tokens[scope];
+  token = {};
   if (!fuzz::isUtf8(client.endpoint)) {
     throw Failure{"Error creating SSO authentication id token: failed to set a claim"};
   }
-  Token& token = client.tokens[scope];
   token = expectedToken(expectedAnswer(answer, client), client.now);
   if (!isUsable(token, client.now)) {
     throw Failure{"Couldn't create valid access token"};
