@@ -2,8 +2,6 @@
 
 from cells import files_in
 
-from support.api_client import ApiClient
-
 
 def judge_all(judge, service, reply=None, since=0, files=None, **values):
     """Every column, in the order in which things are to be looked at. Unless a cell is about certain files, the
@@ -19,16 +17,3 @@ def strays(service):
     """What the service left in its working folder."""
     own = {service.configuration_path.name, service.stdout_path.name, service.stderr_path.name}
     return {name: data for name, data in files_in(service.folder).items() if name not in own}
-
-
-def hammer(port, requests, over):
-    """One request after the other, whether there is somebody to answer them or not."""
-    client = ApiClient(port)
-    while not over.is_set():
-        for request in requests:
-            try:
-                client.exchange(request)
-            except (OSError, EOFError, AssertionError):
-                over.wait(0.002)
-            if over.is_set():
-                return

@@ -8,8 +8,9 @@ import threading
 import time
 
 from cells import ENDED, WRITTEN, Cell, files_in, matrix
-from machine import hammer, judge_all
+from machine import judge_all
 
+from support.api_client import hammer
 from support.exchanges import ID_REPLY, ID_REQUEST, ID_SENT
 from support.log import Log
 from support.small_disk import SmallDisk

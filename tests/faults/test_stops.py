@@ -5,8 +5,9 @@ import threading
 import time
 
 from cells import ENDED, Cell, matrix
-from machine import hammer, judge_all
+from machine import judge_all
 
+from support.api_client import hammer
 from support.fake_cloud import TOKEN_PATH, WELL_KNOWN_PATH
 from support.http_server import Reply
 from support.texts import MANAGER, STOPPED

@@ -8,7 +8,7 @@ import time
 
 import pytest
 
-from support.api_client import ApiClient
+from support.api_client import hammer
 from support.configuration import REMOVED, changed, orvex_provider
 from support.exchanges import token_request
 from support.fake_cloud import TOKEN_PATH, WELL_KNOWN_PATH
@@ -208,12 +208,14 @@ def test_stops_at_random_instants_under_load_end_with_status_0(world, cloud):
     print(f"seed {seed}")
     generator = random.Random(seed)
     ports = [world.new_port(), world.new_port()]
+    requests = ['{"request":"token","scope":"a"}', '{"request":"data"}', '{"request":"certificate_id"}',
+                '{"request":"token","scope":"b"}', "{", '{"request":"reset"}']
     for _ in range(40):
         cloud.expires_in = generator.choice([3600, 20, 5])  # from the cache, at its edge, never
         service = world.start(world.document(cloud.discovery_url, ports=ports, level="info"))
         service.log.wait_for(MANAGER, "CLOUD_ENV: ")  # the handler stands from here on
         over = threading.Event()
-        clients = [threading.Thread(target=_hammer, args=(port, over)) for port in ports]
+        clients = [threading.Thread(target=hammer, args=(port, requests, over)) for port in ports]
         for client in clients:
             client.start()
         time.sleep(generator.uniform(0, 0.15))
@@ -223,18 +225,3 @@ def test_stops_at_random_instants_under_load_end_with_status_0(world, cloud):
         for client in clients:
             client.join()
         assert status == 0, service.evidence()
-
-
-def _hammer(port, over):
-    """Requests of all kinds, one after the other, whether there is somebody to answer them or not."""
-    client = ApiClient(port)
-    requests = ['{"request":"token","scope":"a"}', '{"request":"data"}', '{"request":"certificate_id"}',
-                '{"request":"token","scope":"b"}', "{", '{"request":"reset"}']
-    while not over.is_set():
-        for request in requests:
-            try:
-                client.exchange(request)
-            except (OSError, EOFError, AssertionError):
-                time.sleep(0.002)
-            if over.is_set():
-                return
